@@ -1,0 +1,66 @@
+#ifndef KELVRA_TIME_TIMER_H
+#define KELVRA_TIME_TIMER_H
+
+#include <memory>
+
+namespace kelvra {
+namespace time {
+
+/**
+ * A periodic timer. While it runs, onTimeout() is called on the timer's own
+ * thread each time the period (in milliseconds) elapses. The thread is made
+ * at the first start() and lives as long as the timer.
+ *
+ * Guarantees that the reconnect logic relies on:
+ *  - stop() never waits for a callback, so it may be called from inside
+ *    onTimeout();
+ *  - the object may be destroyed from inside its own onTimeout(), on the
+ *    timer's thread: the thread notices and ends without touching it again;
+ *  - destroying the timer from any other thread waits until a callback
+ *    that is running has returned. A derived class whose onTimeout() uses its
+ *    own members must call stopAndWait() first in its own destructor, since
+ *    those members are gone by the time ~Timer runs.
+ */
+class Timer {
+public:
+    /** period: milliseconds between ticks (a value below 1 is taken as 1). */
+    explicit Timer(int period);
+    virtual ~Timer();
+    Timer(const Timer&) = delete;
+    Timer& operator=(const Timer&) = delete;
+
+    /** Starts ticking; the first tick comes one period from now. No effect while running. */
+    void start();
+
+    /** Stops ticking. Does not wait for a callback that is running. */
+    void stop();
+
+    /** Stops and starts again: the next tick comes one full period from now. */
+    void restart();
+
+    /**
+     * Stops and, unless called from the timer's own thread, waits until a
+     * callback that is running has returned.
+     */
+    void stopAndWait();
+
+    bool isRunning() const;
+    int period() const { return periodMs; }
+
+protected:
+    /** Called on the timer's thread at every tick. Does nothing by default. */
+    virtual void onTimeout();
+
+private:
+    struct State;
+    static void* threadMain(void* arg);
+    void ensureThread();
+
+    int periodMs;
+    std::shared_ptr<State> state;
+};
+
+} // namespace time
+} // namespace kelvra
+
+#endif

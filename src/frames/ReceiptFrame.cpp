@@ -1,0 +1,13 @@
+#include "frames/ReceiptFrame.h"
+
+namespace tavren {
+namespace internal {
+
+ReceiptFrame::ReceiptFrame() {}
+
+ReceiptFrame::~ReceiptFrame() {}
+
+std::string ReceiptFrame::getReceiptID() const { return headers_.at("receipt-id"); }
+
+} // namespace internal
+} // namespace tavren

@@ -1,0 +1,13 @@
+#include "frames/ServerFrame.h"
+
+namespace tavren {
+namespace internal {
+
+ServerFrame::ServerFrame() {}
+
+ServerFrame::~ServerFrame() {
+    if (body_) delete[] body_;
+}
+
+} // namespace internal
+} // namespace tavren

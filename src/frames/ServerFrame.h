@@ -1,0 +1,24 @@
+#ifndef TAVREN_INTERNAL_SERVERFRAME_H
+#define TAVREN_INTERNAL_SERVERFRAME_H
+
+#include "frames/StompFrame.h"
+
+namespace tavren {
+namespace internal {
+
+/**
+ * A frame read from the broker. It owns its body (an array allocated with
+ * new[], always followed by a NUL) and frees it when destroyed.
+ */
+class ServerFrame : public StompFrame {
+public:
+    ServerFrame();
+    virtual ~ServerFrame();
+    ServerFrame(const ServerFrame&) = delete;
+    ServerFrame& operator=(const ServerFrame&) = delete;
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif

@@ -1,0 +1,215 @@
+#include "transport/FrameParser.h"
+
+#include <apr_strings.h>
+
+#include <cstdint>
+#include <cstring>
+
+namespace tavren {
+namespace internal {
+
+namespace {
+
+// A sized body's array grows as its bytes arrive, from this size up to the
+// announced length: a broker announcing gigabytes gets no memory until it
+// actually sends them.
+const size_t kFirstBodyCapacity = 64 * 1024;
+
+// A line buffer larger than this is released after its frame, so that one
+// very long header does not keep its memory for the life of the connection.
+const size_t kKeptLineCapacity = 1024;
+
+} // namespace
+
+FrameParser::FrameParser()
+    : state(COMMAND), frame(nullptr), body(nullptr), bodySize(0), bodyCapacity(0), bodyExpected(0) {}
+
+FrameParser::~FrameParser() { reset(); }
+
+void FrameParser::reset() {
+    delete frame;
+    frame = nullptr;
+    delete[] body;
+    body = nullptr;
+    bodySize = bodyCapacity = bodyExpected = 0;
+    state = COMMAND;
+    releaseScratch();
+}
+
+void FrameParser::releaseScratch() {
+    if (line.capacity() > kKeptLineCapacity)
+        std::string().swap(line);
+    else
+        line.clear();
+}
+
+ServerFrame* FrameParser::takeFrame() {
+    ServerFrame* done = frame;
+    frame = nullptr;
+    return done;
+}
+
+FrameParser::Result FrameParser::fail() {
+    reset();
+    return MALFORMED;
+}
+
+// Takes the bytes of one line. When the line ends within [p, end), *haveLine
+// is set and *text/*size describe it (pointing into the input when the whole
+// line is there, into `line` otherwise); p moves past its line feed.
+FrameParser::Result FrameParser::takeLine(const char*& p, const char* end, bool* haveLine, const char** text,
+                                          size_t* size) {
+    const size_t available = static_cast<size_t>(end - p);
+    const char* lf = static_cast<const char*>(std::memchr(p, '\n', available));
+    const size_t span = lf ? static_cast<size_t>(lf - p) : available;
+    const char* nul = static_cast<const char*>(std::memchr(p, '\0', span));
+    if (nul) { // a NUL inside a line: the frame is malformed once the NUL is read
+        p = nul + 1;
+        return fail();
+    }
+    if (!lf) {
+        line.append(p, span);
+        p = end;
+        *haveLine = false;
+        return INCOMPLETE;
+    }
+    if (line.empty()) {
+        *text = p;
+        *size = span;
+    } else {
+        line.append(p, span);
+        *text = line.data();
+        *size = line.size();
+    }
+    p = lf + 1;
+    *haveLine = true;
+    return INCOMPLETE;
+}
+
+FrameParser::Result FrameParser::endOfLine(const char* text, size_t size) {
+    if (state == COMMAND) {
+        frame = new ServerFrame();
+        if (size == 0) return COMPLETE; // a heart-beat
+        frame->command_.assign(text, size);
+        state = HEADERS;
+        return INCOMPLETE;
+    }
+    if (size == 0) return endOfHeaders();
+    const char* colon = static_cast<const char*>(std::memchr(text, ':', size));
+    if (!colon) return fail();
+    const size_t nameSize = static_cast<size_t>(colon - text);
+    frame->headers_[std::string(text, nameSize)].assign(colon + 1, size - nameSize - 1);
+    return INCOMPLETE;
+}
+
+FrameParser::Result FrameParser::endOfHeaders() {
+    HeaderMap::const_iterator length = frame->headers_.find("content-length");
+    if (length == frame->headers_.end()) {
+        state = BODY_TO_NUL;
+        return INCOMPLETE;
+    }
+    // The value as apr_atoi64 reads it (no number gives 0), cut to 32 bits.
+    const int32_t announced = static_cast<int32_t>(static_cast<uint64_t>(apr_atoi64(length->second.c_str())));
+    // A negative length cannot be honoured: the frame is malformed, and no
+    // body byte is taken.
+    if (announced < 0) return fail();
+    bodyExpected = static_cast<size_t>(announced);
+    bodyCapacity = bodyExpected + 1 < kFirstBodyCapacity ? bodyExpected + 1 : kFirstBodyCapacity;
+    body = new char[bodyCapacity];
+    state = bodyExpected ? BODY_SIZED : BODY_END;
+    return INCOMPLETE;
+}
+
+void FrameParser::appendBody(const char* data, size_t size) {
+    if (bodySize + size + 1 > bodyCapacity) {
+        size_t capacity = bodyCapacity ? bodyCapacity : 256;
+        while (capacity < bodySize + size + 1) capacity *= 2;
+        if (state == BODY_SIZED && capacity > bodyExpected + 1) capacity = bodyExpected + 1;
+        char* grown = new char[capacity];
+        if (bodySize) std::memcpy(grown, body, bodySize);
+        delete[] body;
+        body = grown;
+        bodyCapacity = capacity;
+    }
+    std::memcpy(body + bodySize, data, size);
+    bodySize += size;
+}
+
+FrameParser::Result FrameParser::finishBody() {
+    if (!body) {
+        body = new char[1];
+        bodyCapacity = 1;
+    }
+    body[bodySize] = '\0';
+    frame->body_ = body;
+    body = nullptr;
+    bodySize = bodyCapacity = bodyExpected = 0;
+    state = COMMAND;
+    releaseScratch();
+    return COMPLETE;
+}
+
+FrameParser::Result FrameParser::parse(const char* data, size_t length, size_t* consumed) {
+    const char* p = data;
+    const char* const end = data + length;
+    Result result = INCOMPLETE;
+    while (p < end && result == INCOMPLETE) {
+        switch (state) {
+        case COMMAND:
+        case HEADERS: {
+            bool haveLine = false;
+            const char* text = nullptr;
+            size_t size = 0;
+            result = takeLine(p, end, &haveLine, &text, &size);
+            if (result == INCOMPLETE && haveLine) {
+                result = endOfLine(text, size);
+                if (!line.empty()) line.clear(); // the line is used up; its capacity stays for the next
+                if (result == COMPLETE) { // a heart-beat
+                    state = COMMAND;
+                    releaseScratch();
+                }
+            }
+            break;
+        }
+        case BODY_TO_NUL: {
+            const size_t available = static_cast<size_t>(end - p);
+            const char* nul = static_cast<const char*>(std::memchr(p, '\0', available));
+            const size_t take = nul ? static_cast<size_t>(nul - p) : available;
+            if (!body && nul) { // the whole body is here: one exact allocation
+                body = new char[take + 1];
+                bodyCapacity = take + 1;
+                std::memcpy(body, p, take);
+                bodySize = take;
+            } else {
+                appendBody(p, take);
+            }
+            p += take;
+            if (nul) {
+                ++p;
+                result = finishBody();
+            }
+            break;
+        }
+        case BODY_SIZED: {
+            size_t take = static_cast<size_t>(end - p);
+            if (take > bodyExpected - bodySize) take = bodyExpected - bodySize;
+            appendBody(p, take);
+            p += take;
+            if (bodySize == bodyExpected) state = BODY_END;
+            break;
+        }
+        case BODY_END:
+            if (*p++ != '\0') {
+                result = fail();
+                break;
+            }
+            result = finishBody();
+            break;
+        }
+    }
+    *consumed = static_cast<size_t>(p - data);
+    return result;
+}
+
+} // namespace internal
+} // namespace tavren

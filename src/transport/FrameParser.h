@@ -1,0 +1,91 @@
+#ifndef TAVREN_INTERNAL_FRAMEPARSER_H
+#define TAVREN_INTERNAL_FRAMEPARSER_H
+
+#include "frames/ServerFrame.h"
+
+#include <cstddef>
+#include <string>
+
+namespace tavren {
+namespace internal {
+
+/**
+ * Turns the bytes of incoming STOMP frames into ServerFrames. It knows
+ * nothing of sockets: it is fed whatever bytes have arrived, keeps a frame
+ * that has only partly arrived, and goes on from there at the next feed.
+ *
+ * What it accepts:
+ *  - lines end with a single line feed; a carriage return before it stays
+ *    part of the line;
+ *  - an empty first line is a heart-beat: a frame with an empty command, no
+ *    headers and no body;
+ *  - a header line is split at its first colon (further colons belong to the
+ *    value); nothing is trimmed or unescaped; a repeated name keeps the last
+ *    value;
+ *  - without "content-length" the body runs up to the first NUL; with it,
+ *    the body is exactly that many bytes (the value read as apr_atoi64 does,
+ *    cut to 32 bits), which must be followed by a NUL;
+ *  - the body is stored followed by a NUL that is not part of it, so it can
+ *    always be read as a C string; a frame without a body byte still gets an
+ *    empty body;
+ *  - whatever follows the closing NUL is left for the next frame (the line
+ *    feed that writers put there comes out as a heart-beat).
+ *
+ * It consumes exactly the bytes that a byte-by-byte reader would have taken
+ * off the socket: up to the end of a frame, or up to and including the byte
+ * that showed the frame to be malformed. Memory used for one frame (the
+ * pieces of a line that spans feeds) is released when that frame ends.
+ */
+class FrameParser {
+public:
+    enum Result {
+        COMPLETE,   // a frame (or heart-beat) is ready: takeFrame()
+        INCOMPLETE, // every byte was taken; more are needed
+        MALFORMED   // a line holds a NUL, a header has no colon, or a sized body lacks its NUL
+    };
+
+    FrameParser();
+    ~FrameParser();
+    FrameParser(const FrameParser&) = delete;
+    FrameParser& operator=(const FrameParser&) = delete;
+
+    /**
+     * Feeds bytes. *consumed is set to how many of them were taken. After
+     * MALFORMED the half-read frame is dropped and the parser starts afresh.
+     * std::bad_alloc passes through; the caller then calls reset().
+     */
+    Result parse(const char* data, size_t length, size_t* consumed);
+
+    /** The frame that the last COMPLETE finished; the caller owns it. */
+    ServerFrame* takeFrame();
+
+    /** True while a frame has begun but not ended. */
+    bool inFrame() const { return state != COMMAND || !line.empty(); }
+
+    /** Drops a half-read frame. */
+    void reset();
+
+private:
+    enum State { COMMAND, HEADERS, BODY_TO_NUL, BODY_SIZED, BODY_END };
+
+    Result takeLine(const char*& p, const char* end, bool* haveLine, const char** text, size_t* size);
+    Result endOfLine(const char* text, size_t size);
+    Result endOfHeaders();
+    void appendBody(const char* data, size_t size);
+    Result finishBody();
+    Result fail();
+    void releaseScratch();
+
+    State state;
+    ServerFrame* frame;     // the frame being read, null between frames
+    std::string line;       // the part of a line that has arrived so far
+    char* body;             // the body being read (new[]), null before one
+    size_t bodySize;        // bytes of body read so far
+    size_t bodyCapacity;    // size of the body array
+    size_t bodyExpected;    // for a sized body: its length
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif

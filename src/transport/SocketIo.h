@@ -1,0 +1,62 @@
+#ifndef TAVREN_INTERNAL_SOCKETIO_H
+#define TAVREN_INTERNAL_SOCKETIO_H
+
+#include <apr_network_io.h>
+#include <apr_time.h>
+
+#include <sys/uio.h>
+
+namespace tavren {
+namespace internal {
+
+/**
+ * Moves bytes between a connected runtime socket and memory.
+ *
+ * Every call works on the descriptor with MSG_DONTWAIT and waits with poll()
+ * itself, so how long it may wait is decided per call (Deadline), never by
+ * the descriptor's blocking flag. That keeps a time-out working whatever
+ * mode an earlier call left the socket in. Sends use MSG_NOSIGNAL: a peer
+ * that has gone away yields EPIPE, never SIGPIPE.
+ *
+ * Statuses are the runtime's: 0, the system error number, APR_TIMEUP when
+ * the deadline passed, APR_EOF when the peer closed its end, and the
+ * would-block error (11) when the call may not wait and nothing could move.
+ */
+class SocketIo {
+public:
+    /** How long a call may wait for the socket. */
+    class Deadline {
+    public:
+        /** Never waits. */
+        static Deadline none();
+        /** From a runtime time-out: negative waits for ever, 0 never, positive that many microseconds from now. */
+        static Deadline fromTimeout(apr_interval_time_t timeout);
+
+        bool mayWait() const { return kind != NONE; }
+        /** Milliseconds left for poll(): -1 for ever, 0 when passed. */
+        int pollMs() const;
+
+    private:
+        enum Kind { NONE, FOREVER, UNTIL };
+        Kind kind = NONE;
+        apr_time_t end = 0;
+    };
+
+    /**
+     * Sends every byte of the iovecs (they are advanced as bytes go out).
+     * On failure some bytes may have been sent already.
+     */
+    static apr_status_t sendAll(apr_socket_t* socket, struct iovec* iov, int count, const Deadline& deadline);
+
+    /** Receives at least one and at most length bytes into buffer; *received says how many. */
+    static apr_status_t receive(apr_socket_t* socket, char* buffer, size_t length, size_t* received,
+                                const Deadline& deadline);
+
+private:
+    static apr_status_t waitFor(int fd, short events, const Deadline& deadline);
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif

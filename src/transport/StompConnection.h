@@ -1,0 +1,142 @@
+#ifndef TAVREN_INTERNAL_STOMPCONNECTION_H
+#define TAVREN_INTERNAL_STOMPCONNECTION_H
+
+#include "frames/ClientFrame.h"
+#include "frames/ServerFrame.h"
+#include "transport/AprManager.h"
+#include "transport/FrameParser.h"
+
+#include <apr_network_io.h>
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
+
+namespace tavren {
+namespace internal {
+
+/**
+ * The TCP connection to the broker: connects, writes client frames in the
+ * STOMP wire format, reads server frames, and closes.
+ *
+ * Every operation returns a runtime status (0 for success) and never
+ * throws, except that running out of memory while building a frame's
+ * pieces passes std::bad_alloc on. Statuses of its own: 20011 (not
+ * connected), 20014 (malformed incoming frame), 12 (no memory for a read
+ * buffer); 11 from a non-blocking read means no complete frame yet.
+ *
+ * One mutex serialises connect, disconnect, write, sendHeartbeat and read,
+ * each of which holds it for its whole run and releases it on every path.
+ *
+ * Time-outs are microseconds passed by pointer: a null pointer leaves the
+ * socket's time-out as it is. A negative time-out waits for ever, 0 never.
+ */
+class StompConnection {
+public:
+    /** Initialises the runtime when the library is loaded, terminates it at unload. */
+    static AprManager apr_init;
+
+    StompConnection();
+    virtual ~StompConnection();
+    StompConnection(const StompConnection&) = delete;
+    StompConnection& operator=(const StompConnection&) = delete;
+
+    /**
+     * Resolves host, connects to port, and records the local and remote
+     * addresses. A connected object is disconnected first. timeout, when
+     * given, becomes the socket's time-out for later calls (the connect
+     * itself waits as long as the system allows); nonBlock, when given, sets
+     * the descriptor's non-blocking flag (which the library's own reads and
+     * writes do not depend on: they wait per call).
+     */
+    apr_status_t connect(char const* host, int port, long long* timeout, int* nonBlock);
+
+    /** Shuts the socket down for writing and closes it. 20011 when not connected. */
+    apr_status_t disconnect();
+
+    /**
+     * Writes one frame: command, LF, each header as name ":" value LF in map
+     * order, LF, the body up to its first NUL, then NUL LF. Nothing is
+     * escaped and no header is added. The frame goes out whole unless the
+     * time-out passes or the socket fails; what was sent before a failure
+     * stays sent.
+     */
+    apr_status_t write(ClientFrame* frame, long long* timeout);
+
+    /** Writes one LF. A failure to send is ignored; the result is that of restoring the time-out. */
+    apr_status_t sendHeartbeat(long long* timeout);
+
+    /**
+     * Reads one frame into *out (the caller owns it; untouched on failure).
+     *
+     * block true: waits for the frame within the time-out (timeout, when
+     * given, is applied to the socket first; the deadline covers the whole
+     * frame, so a peer that sends slowly cannot stretch it). APR_TIMEUP when
+     * it passes.
+     * block false: never waits; 11 when no complete frame has arrived yet.
+     *
+     * A frame that has only partly arrived when a read gives up with 11 or
+     * APR_TIMEUP is kept, and the next read goes on from there. Other
+     * statuses: APR_EOF when the broker closed, 20014 for a malformed frame,
+     * 12 when a buffer could not be allocated, the system's error otherwise.
+     * An empty first line comes out as a heart-beat: a frame with an empty
+     * command. The body is always followed by a NUL that is not part of it.
+     */
+    apr_status_t read(ServerFrame** out, bool block, long long* timeout);
+
+    bool isConnected() const { return connected; }
+    char const* getLocalIp() const { return localIp; }
+    char const* getRemoteHost() const { return remoteHost; }
+
+protected:
+    // All of these expect the caller to hold the mutex.
+    apr_status_t setTimeout(long long* t);
+    apr_status_t restoreTimeout(long long* t);
+    apr_status_t writeBuffer(char const* data, unsigned int length);
+    apr_status_t createPool();
+    void cleanPool();
+    apr_status_t internalDisconnect();
+    apr_status_t currentTimeout(apr_interval_time_t* timeout);
+    void emptyReadAhead();
+
+private:
+    // Holds the connection mutex for a scope. A failed lock is answered
+    // with an unlock attempt, and the operation returns the lock's status.
+    class Lock {
+    public:
+        explicit Lock(apr_thread_mutex_t* m) : mutex(m), rc(apr_thread_mutex_lock(m)) {}
+        ~Lock() { apr_thread_mutex_unlock(mutex); }
+        apr_status_t status() const { return rc; }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+    private:
+        apr_thread_mutex_t* mutex;
+        apr_status_t rc;
+    };
+
+    apr_socket_t* socket;
+    apr_sockaddr_t* localAddress;
+    char* localIp;
+    apr_sockaddr_t* remoteAddress;
+    char* remoteHost;
+    bool connected;
+    apr_interval_time_t savedTimeout;
+    apr_int32_t savedNonBlock;
+    apr_thread_mutex_t* mutex;
+    apr_pool_t* connectionPool; // socket and addresses; made at connect, destroyed at disconnect
+    apr_pool_t* objectPool;     // the mutex; lives as long as the object
+
+    // Size of the read-ahead buffer: one receive call takes up to this much.
+    static const size_t kReadAheadSize = 16 * 1024;
+
+    // Read-ahead: bytes received but not yet parsed. Owned by the connection
+    // and emptied at every connect and disconnect.
+    char* readAhead;
+    size_t readStart;
+    size_t readEnd;
+    FrameParser parser;
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif
