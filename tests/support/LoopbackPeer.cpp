@@ -95,6 +95,14 @@ std::string LoopbackPeer::receive(size_t n, int timeoutMs) {
 
 std::string LoopbackPeer::receiveAvailable(int quietMs, int timeoutMs) {
     std::string out;
+    readAvailable(quietMs, timeoutMs, &out);
+    return out;
+}
+
+size_t LoopbackPeer::discardAvailable(int quietMs, int timeoutMs) { return readAvailable(quietMs, timeoutMs, nullptr); }
+
+size_t LoopbackPeer::readAvailable(int quietMs, int timeoutMs, std::string* out) {
+    size_t total = 0;
     const long long deadline = nowMs() + timeoutMs;
     char buf[65536];
     while (nowMs() < deadline) {
@@ -102,9 +110,10 @@ std::string LoopbackPeer::receiveAvailable(int quietMs, int timeoutMs) {
         ssize_t got = ::recv(connFd, buf, sizeof buf, 0);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
-        out.append(buf, static_cast<size_t>(got));
+        total += static_cast<size_t>(got);
+        if (out) out->append(buf, static_cast<size_t>(got));
     }
-    return out;
+    return total;
 }
 
 void LoopbackPeer::closeConnection() {

@@ -35,6 +35,9 @@ public:
     /** Reads whatever arrives until the connection has been quiet for quietMs. */
     std::string receiveAvailable(int quietMs = 100, int timeoutMs = 5000);
 
+    /** Reads and drops whatever arrives until quiet for quietMs; returns the byte count. */
+    size_t discardAvailable(int quietMs = 100, int timeoutMs = 5000);
+
     /** Closes the accepted connection (the listening socket stays). */
     void closeConnection();
 
@@ -45,6 +48,8 @@ public:
     void stopListening();
 
 private:
+    size_t readAvailable(int quietMs, int timeoutMs, std::string* out);
+
     int listenFd;
     int connFd;
     int listenPort;
