@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs what building and testing libtavren needs (Debian 12, as root).
+# Skips apt entirely when everything is already there.
+set -euo pipefail
+packages=(cmake make g++ pkg-config libapr1-dev uuid-dev libgtest-dev libgmock-dev libbenchmark-dev)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq "${missing[@]}" >/dev/null
+fi

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Runs the whole test suite: a plain build, then the same tests built with
+# AddressSanitizer+UndefinedBehaviorSanitizer and with ThreadSanitizer.
+#   scripts/test.sh            all three
+#   scripts/test.sh plain      only the plain build (also: asan, tsan)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+if [ $# -gt 0 ]; then flavours=("$@"); else flavours=(plain asan tsan); fi
+
+"$root/scripts/install-deps.sh"
+
+status=0
+for flavour in "${flavours[@]}"; do
+  case $flavour in
+    plain) options=() ;;
+    asan) options=(-DTAVREN_ASAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) ;;
+    tsan) options=(-DTAVREN_TSAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) ;;
+    *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
+  esac
+  dir=$root/build-test-$flavour
+  echo "== Building ($flavour) in $dir"
+  mkdir -p "$dir"
+  "$root/scripts/build.sh" "$dir" "${options[@]}" >"$dir/build.log" 2>&1 || { tail -50 "$dir/build.log"; exit 1; }
+  echo "== Testing ($flavour)"
+  export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+  export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+  (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout 120) || status=1
+done
+exit $status
