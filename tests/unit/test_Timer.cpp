@@ -197,19 +197,6 @@ TEST(Timer, DestroyingFromAnotherThreadWaitsForARunningCallback) {
     EXPECT_EQ(entered.load(), left.load()) << "the callback had returned before the timer was gone";
 }
 
-TEST(Timer, DestroyingARunningTimerWithoutDerivedWaitIsSafe) {
-    // The base alone: a plain Timer ticking with the default callback.
-    class Plain : public Timer {
-    public:
-        Plain() : Timer(1) {}
-    };
-    for (int i = 0; i < 20; ++i) {
-        Plain p;
-        p.start();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-}
-
 TEST(Timer, ManyTimersComeAndGo) {
     for (int i = 0; i < 50; ++i) {
         CountingTimer t(1);

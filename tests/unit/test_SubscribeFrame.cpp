@@ -1,0 +1,143 @@
+#include "frames/SubscribeFrame.h"
+#include "frames/UnsubscribeFrame.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+namespace tavren {
+namespace internal {
+namespace {
+
+// The 36-character lower-case form of a random (version 4) UUID.
+bool isUuid(const std::string& text) {
+    if (text.size() != 36) return false;
+    for (std::string::size_type i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (i == 8 || i == 13 || i == 18 || i == 23) {
+            if (c != '-') return false;
+        } else if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
+            return false;
+        }
+    }
+    return text[14] == '4' && std::string("89ab").find(text[19]) != std::string::npos;
+}
+
+bool isSubscriptionId(const std::string& text) {
+    return text.compare(0, 13, "subscription/") == 0 && isUuid(text.substr(13));
+}
+
+TEST(SubscribeFrame, ClientIndividualFrame) {
+    SubscribeFrame frame("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    EXPECT_EQ("SUBSCRIBE", frame.command());
+    const std::string id = frame.subscriptionId();
+    EXPECT_TRUE(isSubscriptionId(id)) << id;
+    EXPECT_EQ((HeaderMap{{"ack", "client-individual"}, {"destination", "/queue/a"}, {"id", id}}), frame.headers());
+    EXPECT_EQ("/queue/a", frame.destination());
+    EXPECT_EQ(SubscribeFrame::CLIENT_INDIVIDUAL, frame.ackMode());
+    EXPECT_EQ(nullptr, frame.body());
+    EXPECT_EQ("", frame.getReceiptId());
+}
+
+TEST(SubscribeFrame, AckModeTexts) {
+    SubscribeFrame automatic("/queue/a", SubscribeFrame::AUTO);
+    SubscribeFrame client("/queue/a", SubscribeFrame::CLIENT);
+    SubscribeFrame individual("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    EXPECT_EQ("auto", automatic.headers().at("ack"));
+    EXPECT_EQ("client", client.headers().at("ack"));
+    EXPECT_EQ("client-individual", individual.headers().at("ack"));
+    EXPECT_EQ("auto", automatic.createAckModeStr());
+    EXPECT_EQ("client", client.createAckModeStr());
+    EXPECT_EQ("client-individual", individual.createAckModeStr());
+    EXPECT_EQ(0, SubscribeFrame::AUTO);
+    EXPECT_EQ(1, SubscribeFrame::CLIENT);
+    EXPECT_EQ(2, SubscribeFrame::CLIENT_INDIVIDUAL);
+}
+
+TEST(SubscribeFrame, SameDestinationGetsDifferentIds) {
+    SubscribeFrame first("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    SubscribeFrame second("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    EXPECT_NE(first.headers().at("id"), second.headers().at("id"));
+    EXPECT_NE(first.subscriptionId(), second.subscriptionId());
+}
+
+TEST(SubscribeFrame, CreateSubIdIsFreshOnEveryCall) {
+    SubscribeFrame frame("/queue/a", SubscribeFrame::AUTO);
+    std::set<std::string> ids;
+    for (int i = 0; i < 100; ++i) {
+        const std::string id = frame.createSubId();
+        EXPECT_TRUE(isSubscriptionId(id)) << id;
+        ids.insert(id);
+    }
+    EXPECT_EQ(100u, ids.size());
+    EXPECT_EQ(0u, ids.count(frame.subscriptionId()));
+    // The frame's own id does not change.
+    EXPECT_EQ(frame.subscriptionId(), frame.headers().at("id"));
+}
+
+TEST(SubscribeFrame, SetAckModeChangesOnlyAck) {
+    SubscribeFrame frame("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    const std::string id = frame.subscriptionId();
+    frame.setAckMode(SubscribeFrame::AUTO);
+    EXPECT_EQ(0, frame.ackMode());
+    EXPECT_EQ((HeaderMap{{"ack", "auto"}, {"destination", "/queue/a"}, {"id", id}}), frame.headers());
+    EXPECT_EQ(id, frame.subscriptionId());
+    frame.setAckMode(SubscribeFrame::CLIENT);
+    EXPECT_EQ(SubscribeFrame::CLIENT, frame.ackMode());
+    EXPECT_EQ((HeaderMap{{"ack", "client"}, {"destination", "/queue/a"}, {"id", id}}), frame.headers());
+}
+
+TEST(SubscribeFrame, SetDestinationChangesOnlyDestination) {
+    SubscribeFrame frame("/queue/a", SubscribeFrame::CLIENT);
+    const std::string id = frame.subscriptionId();
+    frame.setDestination("/queue/b");
+    EXPECT_EQ("/queue/b", frame.destination());
+    EXPECT_EQ((HeaderMap{{"ack", "client"}, {"destination", "/queue/b"}, {"id", id}}), frame.headers());
+    EXPECT_EQ(id, frame.subscriptionId());
+    EXPECT_EQ(SubscribeFrame::CLIENT, frame.ackMode());
+}
+
+TEST(SubscribeFrame, EmptyDestinationIsKept) {
+    SubscribeFrame frame("", SubscribeFrame::AUTO);
+    EXPECT_EQ("", frame.destination());
+    EXPECT_EQ((HeaderMap{{"ack", "auto"}, {"destination", ""}, {"id", frame.subscriptionId()}}), frame.headers());
+}
+
+TEST(SubscribeFrame, ReceiptJoinsTheHeaders) {
+    SubscribeFrame frame("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    frame.requestReceipt();
+    EXPECT_EQ(0u, frame.getReceiptId().rfind("SUBSCRIBE/", 0));
+    EXPECT_EQ((HeaderMap{{"ack", "client-individual"},
+                         {"destination", "/queue/a"},
+                         {"id", frame.subscriptionId()},
+                         {"receipt", frame.getReceiptId()}}),
+              frame.headers());
+}
+
+TEST(UnsubscribeFrame, CarriesOnlyTheId) {
+    SubscribeFrame subscribe("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    UnsubscribeFrame frame(subscribe.subscriptionId());
+    EXPECT_EQ("UNSUBSCRIBE", frame.command());
+    EXPECT_EQ((HeaderMap{{"id", subscribe.subscriptionId()}}), frame.headers());
+    EXPECT_EQ(0u, frame.headers().count("destination"));
+    EXPECT_EQ(nullptr, frame.body());
+}
+
+TEST(UnsubscribeFrame, IdIsNotChecked) {
+    UnsubscribeFrame empty("");
+    EXPECT_EQ((HeaderMap{{"id", ""}}), empty.headers());
+    UnsubscribeFrame odd(" not/an id ");
+    EXPECT_EQ((HeaderMap{{"id", " not/an id "}}), odd.headers());
+}
+
+TEST(UnsubscribeFrame, ReceiptJoinsTheId) {
+    UnsubscribeFrame frame("subscription/x");
+    frame.requestReceipt();
+    EXPECT_EQ(0u, frame.getReceiptId().rfind("UNSUBSCRIBE/", 0));
+    EXPECT_EQ((HeaderMap{{"id", "subscription/x"}, {"receipt", frame.getReceiptId()}}), frame.headers());
+}
+
+} // namespace
+} // namespace internal
+} // namespace tavren

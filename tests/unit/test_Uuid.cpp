@@ -1,0 +1,60 @@
+#include <kelvra/utility/Uuid.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kelvra {
+namespace utility {
+namespace {
+
+// The 36-character lower-case form of a random (version 4) UUID.
+bool isUuid(const std::string& text) {
+    if (text.size() != 36) return false;
+    for (std::string::size_type i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (i == 8 || i == 13 || i == 18 || i == 23) {
+            if (c != '-') return false;
+        } else if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
+            return false;
+        }
+    }
+    return text[14] == '4' && std::string("89ab").find(text[19]) != std::string::npos;
+}
+
+TEST(Uuid, Form) {
+    for (int i = 0; i < 100; ++i) {
+        const std::string id = generateUuid();
+        EXPECT_EQ(36u, id.size());
+        EXPECT_TRUE(isUuid(id)) << id;
+        EXPECT_EQ('4', id[14]) << id;
+    }
+}
+
+TEST(Uuid, Distinct) {
+    std::set<std::string> ids;
+    for (int i = 0; i < 10000; ++i) ids.insert(generateUuid());
+    EXPECT_EQ(10000u, ids.size());
+}
+
+TEST(Uuid, DistinctAcrossThreads) {
+    const int threads = 4;
+    const int each = 1000;
+    std::vector<std::vector<std::string>> made(threads);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t)
+        workers.emplace_back([&made, t, each] {
+            for (int i = 0; i < each; ++i) made[t].push_back(generateUuid());
+        });
+    for (std::thread& w : workers) w.join();
+    std::set<std::string> ids;
+    for (const std::vector<std::string>& v : made) ids.insert(v.begin(), v.end());
+    EXPECT_EQ(static_cast<size_t>(threads * each), ids.size());
+}
+
+} // namespace
+} // namespace utility
+} // namespace kelvra
