@@ -141,31 +141,51 @@ private:
     FrameParser parser;
 };
 
-void BM_ReadOneRecvPerByte(benchmark::State& state) {
-    Peer peer;
-    PerByteReader reader(peer.port);
-    peer.accept();
-    std::atomic<bool> stop{false};
+// Reads state.iterations() MESSAGE frames (skipping the heart-beat line feeds
+// between them) with nextFrame, while a producer thread keeps sending them.
+template <typename NextFrame>
+void readFrames(benchmark::State& state, Peer& peer, NextFrame nextFrame) {
+    const std::string one = messageBytes(static_cast<size_t>(state.range(0)));
     std::string batch;
-    for (int i = 0; i < 16; ++i) batch += messageBytes(static_cast<size_t>(state.range(0)));
+    for (int i = 0; i < 16; ++i) batch += one;
+    std::atomic<bool> stop{false};
     std::thread producer([&] { peer.produce(batch, &stop); });
     for (auto _ : state) {
-        ServerFrame* f;
+        ServerFrame* f = nullptr;
         do {
-            f = reader.read(); // skips the heart-beat line feeds between frames
-            if (f && f->command().empty()) {
-                delete f;
-                f = nullptr;
-                continue;
-            }
-        } while (!f);
+            delete f;
+            f = nextFrame();
+        } while (f && f->command().empty());
+        if (!f) {
+            state.SkipWithError("read failed");
+            break;
+        }
         benchmark::DoNotOptimize(f->body());
         delete f;
     }
     stop = true;
     peer.shutdown();
     producer.join();
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(messageBytes(state.range(0)).size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(one.size()));
+}
+
+// Writes a SEND frame with five headers per iteration while a thread drains the peer.
+template <typename Write>
+void writeFrames(benchmark::State& state, Peer& peer, Write write) {
+    std::thread drain([&] { peer.drain(); });
+    const std::string body(static_cast<size_t>(state.range(0)), 'w');
+    BenchFrame frame(body.c_str());
+    for (auto _ : state)
+        if (write(frame) != APR_SUCCESS) state.SkipWithError("write failed");
+    peer.shutdown();
+    drain.join();
+}
+
+void BM_ReadOneRecvPerByte(benchmark::State& state) {
+    Peer peer;
+    PerByteReader reader(peer.port);
+    peer.accept();
+    readFrames(state, peer, [&] { return reader.read(); });
 }
 
 void BM_ReadBuffered(benchmark::State& state) {
@@ -173,39 +193,18 @@ void BM_ReadBuffered(benchmark::State& state) {
     StompConnection connection;
     connection.connect("127.0.0.1", peer.port, nullptr, nullptr);
     peer.accept();
-    std::atomic<bool> stop{false};
-    std::string batch;
-    for (int i = 0; i < 16; ++i) batch += messageBytes(static_cast<size_t>(state.range(0)));
-    std::thread producer([&] { peer.produce(batch, &stop); });
     long long timeout = 5000000;
-    for (auto _ : state) {
+    readFrames(state, peer, [&] {
         ServerFrame* f = nullptr;
-        do {
-            if (f) delete f;
-            f = nullptr;
-            if (connection.read(&f, true, &timeout) != 0) state.SkipWithError("read failed");
-        } while (f && f->command().empty());
-        if (!f) break;
-        benchmark::DoNotOptimize(f->body());
-        delete f;
-    }
-    stop = true;
-    peer.shutdown();
-    producer.join();
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(messageBytes(state.range(0)).size()));
+        return connection.read(&f, true, &timeout) == APR_SUCCESS ? f : nullptr;
+    });
 }
 
 void BM_WriteOneSendPerPiece(benchmark::State& state) {
     Peer peer;
     PerByteReader writer(peer.port);
     peer.accept();
-    std::thread drain([&] { peer.drain(); });
-    const std::string body(static_cast<size_t>(state.range(0)), 'w');
-    BenchFrame frame(body.c_str());
-    for (auto _ : state)
-        if (writer.write(frame) != APR_SUCCESS) state.SkipWithError("write failed");
-    peer.shutdown();
-    drain.join();
+    writeFrames(state, peer, [&](BenchFrame& frame) { return writer.write(frame); });
 }
 
 void BM_WriteVectored(benchmark::State& state) {
@@ -213,13 +212,7 @@ void BM_WriteVectored(benchmark::State& state) {
     StompConnection connection;
     connection.connect("127.0.0.1", peer.port, nullptr, nullptr);
     peer.accept();
-    std::thread drain([&] { peer.drain(); });
-    const std::string body(static_cast<size_t>(state.range(0)), 'w');
-    BenchFrame frame(body.c_str());
-    for (auto _ : state)
-        if (connection.write(&frame, nullptr) != APR_SUCCESS) state.SkipWithError("write failed");
-    connection.disconnect();
-    drain.join();
+    writeFrames(state, peer, [&](BenchFrame& frame) { return connection.write(&frame, nullptr); });
 }
 
 // Parsing alone, without a socket: the cost of the parser per frame.

@@ -3,6 +3,8 @@
 #include "frames/ServerFrame.h"
 #include "frames/StompFrame.h"
 
+#include "support/UuidText.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -79,19 +81,7 @@ public:
     void addHeader(const std::string& k, const std::string& v) { headers_[k] = v; }
 };
 
-// The 36-character lower-case form of a random (version 4) UUID.
-bool isUuid(const std::string& text) {
-    if (text.size() != 36) return false;
-    for (std::string::size_type i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (i == 8 || i == 13 || i == 18 || i == 23) {
-            if (c != '-') return false;
-        } else if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
-            return false;
-        }
-    }
-    return text[14] == '4' && std::string("89ab").find(text[19]) != std::string::npos;
-}
+using tavren::test::isUuid;
 
 // "Command: 0x" and lower-case hex digits, alone on its line.
 bool hasPointerCommandLine(const std::string& dump) {

@@ -1,6 +1,8 @@
 #include "frames/SubscribeFrame.h"
 #include "frames/UnsubscribeFrame.h"
 
+#include "support/UuidText.h"
+
 #include <gtest/gtest.h>
 
 #include <set>
@@ -10,19 +12,7 @@ namespace tavren {
 namespace internal {
 namespace {
 
-// The 36-character lower-case form of a random (version 4) UUID.
-bool isUuid(const std::string& text) {
-    if (text.size() != 36) return false;
-    for (std::string::size_type i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (i == 8 || i == 13 || i == 18 || i == 23) {
-            if (c != '-') return false;
-        } else if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
-            return false;
-        }
-    }
-    return text[14] == '4' && std::string("89ab").find(text[19]) != std::string::npos;
-}
+using tavren::test::isUuid;
 
 bool isSubscriptionId(const std::string& text) {
     return text.compare(0, 13, "subscription/") == 0 && isUuid(text.substr(13));
