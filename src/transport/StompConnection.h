@@ -10,6 +10,8 @@
 #include <apr_pools.h>
 #include <apr_thread_mutex.h>
 
+#include <atomic>
+
 namespace tavren {
 namespace internal {
 
@@ -82,7 +84,9 @@ public:
      */
     apr_status_t read(ServerFrame** out, bool block, long long* timeout);
 
+    /** Safe to call from any thread. */
     bool isConnected() const { return connected; }
+    /** The local address and the broker's host name; valid until the next connect or disconnect. */
     char const* getLocalIp() const { return localIp; }
     char const* getRemoteHost() const { return remoteHost; }
 
@@ -118,7 +122,7 @@ private:
     char* localIp;
     apr_sockaddr_t* remoteAddress;
     char* remoteHost;
-    bool connected;
+    std::atomic<bool> connected; // read without the mutex by isConnected()
     apr_interval_time_t savedTimeout;
     apr_int32_t savedNonBlock;
     apr_thread_mutex_t* mutex;
