@@ -49,8 +49,16 @@ std::string frameBytes(int i) {
 
 } // namespace
 
-#ifndef TAVREN_SANITIZED
+#ifdef TAVREN_SANITIZED
+// Sanitizers keep freed memory in quarantine and add shadow memory: the
+// process's memory says nothing about the library's there.
+#define SKIP_UNDER_SANITIZERS() GTEST_SKIP() << "memory is measured in the plain build"
+#else
+#define SKIP_UNDER_SANITIZERS() (void)0
+#endif
+
 TEST(ConnectionMemory, ReadingManyFramesDoesNotGrowMemory) {
+    SKIP_UNDER_SANITIZERS();
     LoopbackPeer peer;
     StompConnection connection;
     ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
@@ -96,6 +104,7 @@ TEST(ConnectionMemory, ReadingManyFramesDoesNotGrowMemory) {
 }
 
 TEST(ConnectionMemory, WritingManyFramesDoesNotGrowMemory) {
+    SKIP_UNDER_SANITIZERS();
     LoopbackPeer peer;
     StompConnection connection;
     ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
@@ -123,4 +132,3 @@ TEST(ConnectionMemory, WritingManyFramesDoesNotGrowMemory) {
     EXPECT_LT(rss100k - rss10k, 256);
     EXPECT_LT(heap100k - heap10k, 64);
 }
-#endif
