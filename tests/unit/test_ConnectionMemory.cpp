@@ -3,7 +3,7 @@
 // memory after 10,000 is compared with its memory after 100,000.
 #include "transport/StompConnection.h"
 
-#include "support/LoopbackPeer.h"
+#include "support/ConnectedPeer.h"
 #include "support/TestFrame.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +19,6 @@
 
 using tavren::internal::ServerFrame;
 using tavren::internal::StompConnection;
-using tavren::test::LoopbackPeer;
 using tavren::test::TestFrame;
 
 namespace {
@@ -49,6 +48,8 @@ std::string frameBytes(int i) {
 
 } // namespace
 
+using ConnectionMemory = tavren::test::ConnectedPeer;
+
 #ifdef TAVREN_SANITIZED
 // Sanitizers keep freed memory in quarantine and add shadow memory: the
 // process's memory says nothing about the library's there.
@@ -57,12 +58,8 @@ std::string frameBytes(int i) {
 #define SKIP_UNDER_SANITIZERS() (void)0
 #endif
 
-TEST(ConnectionMemory, ReadingManyFramesDoesNotGrowMemory) {
+TEST_F(ConnectionMemory, ReadingManyFramesDoesNotGrowMemory) {
     SKIP_UNDER_SANITIZERS();
-    LoopbackPeer peer;
-    StompConnection connection;
-    ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
-    ASSERT_TRUE(peer.accept());
 
     const int total = 100000;
     std::atomic<bool> ok{true};
@@ -103,12 +100,8 @@ TEST(ConnectionMemory, ReadingManyFramesDoesNotGrowMemory) {
     EXPECT_LT(heap100k - heap10k, 64);
 }
 
-TEST(ConnectionMemory, WritingManyFramesDoesNotGrowMemory) {
+TEST_F(ConnectionMemory, WritingManyFramesDoesNotGrowMemory) {
     SKIP_UNDER_SANITIZERS();
-    LoopbackPeer peer;
-    StompConnection connection;
-    ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
-    ASSERT_TRUE(peer.accept());
     std::atomic<bool> done{false};
     std::thread drain([&] {
         while (!done) peer.discardAvailable(20, 200);

@@ -2,6 +2,7 @@
 #include "transport/StompConnection.h"
 
 #include "support/Bytes.h"
+#include "support/ConnectedPeer.h"
 #include "support/LoopbackPeer.h"
 
 #include <gtest/gtest.h>
@@ -29,12 +30,8 @@ long long msSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-class ConnectionRead : public ::testing::Test {
+class ConnectionRead : public tavren::test::ConnectedPeer {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
-        ASSERT_TRUE(peer.accept());
-    }
 
     // A blocking read with a generous time-out.
     apr_status_t readBlocking(std::unique_ptr<ServerFrame>* frame, long long timeoutUs = 5000000) {
@@ -63,8 +60,6 @@ protected:
         }
     }
 
-    LoopbackPeer peer;
-    StompConnection connection;
 };
 
 } // namespace

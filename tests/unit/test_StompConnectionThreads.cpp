@@ -3,6 +3,7 @@
 // Frames must never interleave on the wire. Meant to run under TSan too.
 #include "transport/StompConnection.h"
 
+#include "support/ConnectedPeer.h"
 #include "support/LoopbackPeer.h"
 #include "support/TestFrame.h"
 
@@ -19,12 +20,9 @@ using tavren::internal::ServerFrame;
 using tavren::internal::StompConnection;
 using tavren::test::LoopbackPeer;
 using tavren::test::TestFrame;
+using ConnectionThreads = tavren::test::ConnectedPeer;
 
-TEST(ConnectionThreads, WritersAndAPollingReaderShareOneConnection) {
-    LoopbackPeer peer;
-    StompConnection connection;
-    ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
-    ASSERT_TRUE(peer.accept());
+TEST_F(ConnectionThreads, WritersAndAPollingReaderShareOneConnection) {
 
     const int writers = 3;
     const int perWriter = 200;
@@ -109,7 +107,7 @@ TEST(ConnectionThreads, WritersAndAPollingReaderShareOneConnection) {
     }
 }
 
-TEST(ConnectionThreads, DisconnectWhileAnotherThreadPolls) {
+TEST(ConnectionDisconnect, WhileAnotherThreadPolls) {
     for (int round = 0; round < 20; ++round) {
         LoopbackPeer peer;
         StompConnection connection;

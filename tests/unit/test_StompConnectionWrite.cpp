@@ -2,6 +2,7 @@
 #include "transport/StompConnection.h"
 
 #include "support/Bytes.h"
+#include "support/ConnectedPeer.h"
 #include "support/LoopbackPeer.h"
 #include "support/TestFrame.h"
 
@@ -18,19 +19,7 @@ using tavren::test::bytes;
 using tavren::test::LoopbackPeer;
 using tavren::test::TestFrame;
 
-namespace {
-
-class ConnectionWrite : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
-        ASSERT_TRUE(peer.accept());
-    }
-    LoopbackPeer peer;
-    StompConnection connection;
-};
-
-} // namespace
+using ConnectionWrite = tavren::test::ConnectedPeer;
 
 TEST_F(ConnectionWrite, SendFrameIsThirtyOneBytes) {
     TestFrame frame("SEND");
