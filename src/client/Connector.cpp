@@ -1,0 +1,131 @@
+#include "client/Connector.h"
+
+#include "client/StompClientImpl.h"
+#include "frames/ConnectFrame.h"
+#include "transport/AprException.h"
+
+#include <apr_errno.h>
+#include <tavren/ConnectionException.h>
+
+#include <cerrno>
+#include <vector>
+
+namespace tavren {
+namespace internal {
+
+namespace {
+
+// How long the broker has to answer CONNECT, in microseconds.
+const long long kHandshakeTimeoutUs = 3000000;
+
+ConnectionException::ErrorType errorTypeOf(apr_status_t reason) {
+    switch (reason) {
+    case ETIMEDOUT: return ConnectionException::TimedOut;
+    case ECONNREFUSED: return ConnectionException::ConnectionRefused;
+    case EHOSTDOWN: return ConnectionException::HostDown;
+    case EHOSTUNREACH: return ConnectionException::NoRouteToHost;
+    default: return ConnectionException::UnknownError;
+    }
+}
+
+} // namespace
+
+Connector::Connector(StompClientImpl* o, int reconnectPeriod, std::string name)
+    : kelvra::time::Timer(reconnectPeriod), owner(o), clientName(name), cancelled(false) {}
+
+Connector::~Connector() {
+    // onTimeout uses the members: a retry that is running must end before
+    // they go (from the timer's own thread this does not wait).
+    cancelled = true;
+    stopAndWait();
+}
+
+void Connector::attemptConnect() {
+    StompConnection* connection = owner->connection.get();
+    try {
+        apr_status_t rc = connection->connect(owner->host.c_str(), owner->port, nullptr, nullptr);
+        if (rc != 0) {
+            if (connection) connection->disconnect();
+            throw AprException(rc);
+        }
+
+        ConnectFrame frame;
+        if (owner->useAuthentication) frame.setCredentials(owner->login, owner->passcode);
+        std::vector<kelvra::utility::Version> versions(1, owner->version);
+        frame.setAcceptVersions(versions);
+        frame.setHeartbeat(owner->clientHeartbeat.c_str(), owner->serverHeartbeat.c_str());
+        if (!owner->virtualHost.empty()) frame.setVirtualHost(owner->virtualHost);
+
+        rc = connection->write(&frame, nullptr);
+        if (rc != 0) {
+            connection->disconnect();
+            throw AprException(rc);
+        }
+
+        ServerFrame* raw = nullptr;
+        long long timeout = kHandshakeTimeoutUs;
+        rc = connection->read(&raw, true, &timeout);
+        if (rc != 0) {
+            connection->disconnect();
+            // A broker that never answers CONNECT is a connection that timed
+            // out: the read's own time-out status is reported as such.
+            throw AprException(APR_STATUS_IS_TIMEUP(rc) ? ETIMEDOUT : rc);
+        }
+        kelvra::UniquePtr<ServerFrame> reply(raw);
+
+        if (reply->command() == "ERROR") {
+            // The socket stays open; the next attempt's connect closes it.
+            throw ConnectionException(ConnectionException::BrokerError,
+                                      std::string("Broker replied: \n") + (reply->body() ? reply->body() : ""));
+        }
+        if (reply->command() == "CONNECTED") {
+            const HeaderMap& headers = reply->headers();
+            const std::string server = headers.at("server");
+            const std::string version = headers.at("version");
+            const std::string heartBeat = headers.at("heart-beat");
+            const std::string sessionId = headers.at("session");
+            owner->installSession(new Session(server, version, heartBeat, sessionId));
+            // eventConnect deletes this connector: nothing below may touch a member.
+            owner->eventConnect();
+            return;
+        }
+        throw ConnectionException(ConnectionException::UnknownError, "");
+    } catch (AprException& e) {
+        throw ConnectionException(errorTypeOf(e.apr_reason()), "");
+    }
+}
+
+void Connector::onTimeout() {
+    StompClientImpl* engine = owner;
+    // The retry runs under the engine lock, like the first attempt, so no
+    // application frame is written on a connection whose CONNECT is still
+    // on its way. A cancelled connector gives up waiting for the lock, so
+    // the engine may delete it while holding the lock.
+    if (!engine->mutex->lockUnless([this] { return cancelled.load(); })) return;
+    if (cancelled || engine->destroying) {
+        engine->mutex->unlock();
+        return;
+    }
+    engine->retryEntered();
+
+    stop();
+    engine->logInfo("Retrying connect...");
+    try {
+        attemptConnect();
+        // Connected: this connector has been deleted.
+    } catch (ConnectionException& e) {
+        engine->logError(std::string("Reconnect failed with: ") + e.what());
+        restart();
+    } catch (std::exception& e) {
+        // A CONNECTED frame without a header the session needs: retried
+        // like any failure, since nobody could catch it on this thread.
+        engine->logError(std::string("Reconnect failed with: ") + e.what());
+        restart();
+    }
+
+    engine->retryLeft();
+    engine->mutex->unlock();
+}
+
+} // namespace internal
+} // namespace tavren

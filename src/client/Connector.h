@@ -1,0 +1,49 @@
+#ifndef TAVREN_INTERNAL_CONNECTOR_H
+#define TAVREN_INTERNAL_CONNECTOR_H
+
+#include <kelvra/time/Timer.h>
+
+#include <atomic>
+#include <string>
+
+namespace tavren {
+namespace internal {
+
+class StompClientImpl;
+
+/**
+ * Makes the connection for the engine: one attempt opens the socket, writes
+ * CONNECT, reads the broker's first frame within 3 seconds and, on
+ * CONNECTED, stores the session and tells the engine. After a failed first
+ * attempt the engine starts the timer, and every period (milliseconds) the
+ * timer's thread tries again, until one attempt succeeds. A successful
+ * attempt deletes the connector (the engine does, from eventConnect).
+ */
+class Connector : public kelvra::time::Timer {
+public:
+    Connector(StompClientImpl* owner, int reconnectPeriod, std::string clientName);
+    virtual ~Connector();
+
+    /** One attempt. Returns when connected (the connector is then gone); throws ConnectionException when not. */
+    void attemptConnect();
+
+    /**
+     * The engine has let go of this connector: a retry that has not yet got
+     * hold of the engine lock gives up instead. Called under the engine lock.
+     */
+    void cancel() { cancelled = true; }
+
+protected:
+    /** A retry, on the timer's thread, under the engine lock. */
+    virtual void onTimeout();
+
+private:
+    StompClientImpl* owner; // not owned
+    std::string clientName; // kept for the record; not read
+    std::atomic<bool> cancelled;
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif

@@ -1,0 +1,73 @@
+#include "client/EngineMutex.h"
+
+#include <cerrno>
+#include <ctime>
+
+namespace tavren {
+namespace internal {
+
+namespace {
+
+// How long lockUnless waits before it asks again whether to give up.
+const long kGiveUpPollNs = 5 * 1000 * 1000;
+
+struct timespec monotonicIn(long ns) {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    t.tv_nsec += ns;
+    if (t.tv_nsec >= 1000000000L) {
+        t.tv_sec += 1;
+        t.tv_nsec -= 1000000000L;
+    }
+    return t;
+}
+
+} // namespace
+
+EngineMutex::EngineMutex() : depth(0) {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&mutex, &attr);
+    pthread_mutexattr_destroy(&attr);
+}
+
+EngineMutex::~EngineMutex() { pthread_mutex_destroy(&mutex); }
+
+void EngineMutex::lock() {
+    pthread_mutex_lock(&mutex);
+    ++depth;
+}
+
+void EngineMutex::unlock() {
+    --depth;
+    pthread_mutex_unlock(&mutex);
+}
+
+bool EngineMutex::lockUnless(const std::function<bool()>& giveUp) {
+    for (;;) {
+        if (giveUp()) return false;
+        // The monotonic clock: a change of the wall clock must not stretch the wait.
+        const struct timespec until = monotonicIn(kGiveUpPollNs);
+        const int rc = pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &until);
+        if (rc == 0) {
+            ++depth;
+            return true;
+        }
+        if (rc != ETIMEDOUT) return false;
+    }
+}
+
+void EngineMutex::wait(kelvra::threads::CondVar& cond) {
+    // A condition wait on a recursive mutex releases one level only; the
+    // other levels are released here and taken back afterwards.
+    const int held = depth;
+    for (int i = 1; i < held; ++i) pthread_mutex_unlock(&mutex);
+    depth = 0;
+    cond.wait(&mutex);
+    for (int i = 1; i < held; ++i) pthread_mutex_lock(&mutex);
+    depth = held;
+}
+
+} // namespace internal
+} // namespace tavren

@@ -1,0 +1,259 @@
+#include "client/StompClientImpl.h"
+
+#include "frames/DisconnectFrame.h"
+#include "frames/SendFrame.h"
+
+#include <apr_errno.h>
+#include <tavren/ConnectionException.h>
+
+#include <cstring>
+#include <sstream>
+
+namespace tavren {
+namespace internal {
+
+StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
+    : logger(nullptr),
+      port(0),
+      useAuthentication(false),
+      useHeartbeating(false),
+      clientHeartbeat("0"),
+      serverHeartbeat("0"),
+      clientName(name),
+      mutex(nullptr),
+      reconnectPeriod(0),
+      version(0),
+      listening(false),
+      listenThread(nullptr),
+      hasSession(false),
+      listenThreadStarted(false),
+      listenGeneration(0),
+      destroying(false),
+      retriesInside(0) {
+    connection.reset(new StompConnection());
+    session.clean();
+    mutex = new EngineMutex();
+    logger = l;
+    listenThread = new pthread_t;
+}
+
+StompClientImpl::~StompClientImpl() {
+    std::vector<Connector*> retired;
+    {
+        EngineLock lock(*mutex);
+        destroying = true;
+        // A retry on the timer's thread may still be inside the engine
+        // (subscribing again after it connected); it can open a connection
+        // or start a connector meanwhile, so everything is settled again
+        // until it has left.
+        for (;;) {
+            if (connector) {
+                connector->stop();
+                connector->cancel();
+                retired.push_back(connector.release());
+            }
+            if (listening) {
+                listening = false;
+                abandonPendingResults();
+                joinListenThread();
+            }
+            joinStaleListenThreads();
+            if (retriesInside == 0) break;
+            mutex->wait(retryDone);
+        }
+    }
+    // Deleted without the lock: a cancelled connector's retry that waits for
+    // the lock gives up, and its deletion waits for that.
+    for (Connector* c : retired) delete c;
+
+    delete listenThread;
+    listeners.clear();
+    pausedListeners.clear();
+    pendingResults.clear();
+    session.clean();
+    connection.clean();
+    connector.clean();
+    delete mutex;
+}
+
+void StompClientImpl::setupSocketDetails(std::string h, int p) {
+    host = h;
+    port = p;
+}
+
+void StompClientImpl::setupAuthentication(std::string l, std::string p) {
+    useAuthentication = true;
+    login = l;
+    passcode = p;
+}
+
+void StompClientImpl::setupHeartbeating(std::pair<std::string, std::string>* heartbeat) {
+    useHeartbeating = true;
+    clientHeartbeat = heartbeat->first;
+    serverHeartbeat = heartbeat->second;
+}
+
+void StompClientImpl::setupRobustConnection(int period, kelvra::utility::Version v, std::string name,
+                                            std::string vhost) {
+    reconnectPeriod = period;
+    version = v;
+    virtualHost = vhost;
+    EngineLock lock(*mutex);
+    setupConnector(name);
+}
+
+void StompClientImpl::setupConnector(std::string name) {
+    if (destroying) return;
+    Connector* fresh = new Connector(this, reconnectPeriod, name);
+    kelvra::UniquePtr<Connector> previous(connector.release());
+    connector.reset(fresh);
+    if (previous) previous->cancel(); // its retry, if waiting for the lock, gives up
+    previous.clean();
+
+    logInfo("Attempting to connect...");
+    try {
+        fresh->attemptConnect();
+        // Connected: eventConnect has deleted the connector.
+    } catch (tavren::ConnectionException& e) {
+        logError(std::string("Failed to connect on first try, ") + e.what());
+        fresh->start();
+    } catch (...) {
+        // Goes on to the caller; the timer still retries, so the engine does
+        // not stay without a connection and without attempts.
+        fresh->start();
+        throw;
+    }
+}
+
+void StompClientImpl::installSession(Session* fresh) {
+    session.reset(fresh);
+    hasSession = true;
+}
+
+void StompClientImpl::eventConnect() {
+    logInfo("Connected.");
+    connector.clean();
+
+    listening = true;
+    // Each connection gets a listen thread of its own; one that served an
+    // earlier connection sees the count move on and ends.
+    ++listenGeneration;
+    if (pthread_create(listenThread, nullptr, &StompClientImpl::listen_thread_worker, this) == 0) {
+        listenThreadStarted = true;
+    } else {
+        logError("Could not start the listen thread: no message or receipt will be read.");
+    }
+    try {
+        resumeAllListeners();
+    } catch (std::exception& e) {
+        // The connection stands; a listener that could not be subscribed is
+        // logged, and nothing escapes into the connector that called us.
+        logError(std::string("Failed to subscribe the listeners again: ") + e.what());
+    }
+}
+
+void StompClientImpl::eventDisconnect(bool error) {
+    if (error) {
+        logError("Disconnected!");
+    } else {
+        logInfo("Disconnected.");
+    }
+    listening = false;
+    abandonPendingResults();
+    joinListenThread();
+    session.clean();
+    hasSession = false;
+}
+
+void StompClientImpl::eventDisconnectError() {
+    eventDisconnect(true);
+    if (destroying) return; // the engine is going away: no new attempt
+    setupConnector(clientName);
+}
+
+void StompClientImpl::joinListenThread() {
+    // Called under the engine lock. The listen thread does not need the
+    // lock to end: when it is asked to stop and cannot get the lock, it
+    // settles its workers under the lock that this thread holds for it.
+    if (listenThreadStarted) {
+        listenThreadStarted = false;
+        if (pthread_equal(*listenThread, pthread_self())) {
+            // The listen thread itself lost the connection: it ends after this
+            // call returns, and is joined by whoever disconnects next.
+            staleListenThreads.push_back(*listenThread);
+        } else {
+            pthread_join(*listenThread, nullptr);
+        }
+    }
+    joinStaleListenThreads();
+}
+
+void StompClientImpl::joinStaleListenThreads() {
+    for (auto it = staleListenThreads.begin(); it != staleListenThreads.end();) {
+        if (pthread_equal(*it, pthread_self())) {
+            ++it; // never join oneself
+            continue;
+        }
+        pthread_join(*it, nullptr);
+        it = staleListenThreads.erase(it);
+    }
+}
+
+bool StompClientImpl::listenStopRequested(unsigned generation) const {
+    return !listening || listenGeneration != generation;
+}
+
+void StompClientImpl::retryEntered() { ++retriesInside; }
+
+void StompClientImpl::retryLeft() {
+    --retriesInside;
+    retryDone.broadcast();
+}
+
+void StompClientImpl::sendMessage(std::string destination, const char* text, HeaderMap* additionalHeaders) {
+    EngineLock lock(*mutex);
+    if (!connection) return;
+
+    SendFrame frame;
+    // A null text is sent as an empty body rather than read through.
+    const char* source = text ? text : "";
+    const size_t length = strlen(source);
+    char* copy = new char[length + 1];
+    strncpy(copy, source, length + 1);
+    frame.setText(copy);
+    frame.setDestination(destination);
+    frame.setAdditionalHeaders(additionalHeaders);
+
+    const apr_status_t rc = connection->write(&frame, nullptr);
+    delete[] copy;
+    if (rc != 0) eventDisconnectError();
+}
+
+void StompClientImpl::closeConnection() {
+    // Held throughout, not only taken and released: the listen thread, the
+    // session and the connector are changed here, and every other change of
+    // them happens under the lock too.
+    EngineLock lock(*mutex);
+    eventDisconnect(false);
+    // The session is always gone here, so no DISCONNECT goes out and the
+    // socket stays as it is; this order is deliberate.
+    if (session) {
+        DisconnectFrame frame;
+        const apr_status_t rc = connection->write(&frame, nullptr);
+        if (rc != 0) {
+            char text[80];
+            apr_strerror(rc, text, sizeof text);
+            std::ostringstream line;
+            line << "Failed to tell broker we are disconnecting! Error " << rc << ": " << text;
+            logError(line.str());
+        }
+        connection->disconnect();
+    }
+}
+
+void StompClientImpl::logInfo(const std::string& message) { logger->safe_log_info(message); }
+
+void StompClientImpl::logError(const std::string& message) { logger->safe_log_error(message); }
+
+} // namespace internal
+} // namespace tavren

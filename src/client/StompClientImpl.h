@@ -1,0 +1,135 @@
+#ifndef TAVREN_INTERNAL_STOMPCLIENTIMPL_H
+#define TAVREN_INTERNAL_STOMPCLIENTIMPL_H
+
+#include "client/Connector.h"
+#include "client/EngineMutex.h"
+#include "client/FrameResult.h"
+#include "frames/ServerFrame.h"
+#include "frames/Session.h"
+#include "transport/StompConnection.h"
+
+#include <kelvra/UniquePtr.h>
+#include <kelvra/threads/CondVar.h>
+#include <kelvra/utility/Version.h>
+#include <tavren/HeaderMap.h>
+#include <tavren/Listener.h>
+#include <tavren/Logger.h>
+
+#include <pthread.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tavren {
+namespace internal {
+
+/**
+ * The engine behind StompClient: the settings, the connection and its
+ * session, the connector that makes and remakes the connection, the
+ * listeners by destination, the callers waiting for receipts, and the listen
+ * thread that reads everything the broker sends.
+ *
+ * States: idle (no session, no connector), connecting (a connector whose
+ * first attempt runs or whose timer retries), connected (a session and a
+ * running listen thread). Every change of state happens under the engine
+ * lock.
+ *
+ * Its operations are split over three files: the core (this header's
+ * settings, events, send and close), the subscription registry and the
+ * listen thread.
+ */
+class StompClientImpl {
+public:
+    StompClientImpl(tavren::Logger* logger, std::string clientName);
+    ~StompClientImpl();
+    StompClientImpl(const StompClientImpl&) = delete;
+    StompClientImpl& operator=(const StompClientImpl&) = delete;
+
+    /** True while a session stands. Takes no lock. */
+    bool isConnected() const { return hasSession; }
+
+    void setupSocketDetails(std::string host, int port);
+    void setupAuthentication(std::string login, std::string passcode);
+    void setupHeartbeating(std::pair<std::string, std::string>* heartbeat);
+    /** Stores the settings and makes the first connection attempt on this thread. */
+    void setupRobustConnection(int reconnectPeriod, kelvra::utility::Version version,
+                               std::string clientName, std::string virtualHost);
+    /** A new connector and its first attempt; on failure its timer retries. */
+    void setupConnector(std::string clientName);
+
+    /** Called by the connector once the session is stored. */
+    void eventConnect();
+    void eventDisconnect(bool error);
+    /** A read or write on the live connection failed: drop it and connect again. */
+    void eventDisconnectError();
+
+    void sendMessage(std::string destination, const char* text, HeaderMap* additionalHeaders);
+    void closeConnection();
+
+    // The subscription registry.
+    void registerListener(std::string destination, tavren::Listener* listener);
+    void deregisterListener(std::string destination);
+    void pauseAllListeners();
+    void resumeAllListeners();
+
+    void logInfo(const std::string& message);
+    void logError(const std::string& message);
+
+    /** The listen thread's body; arg is the engine. */
+    static void* listen_thread_worker(void* arg);
+
+private:
+    friend class Connector;
+    class ListenLoop;
+
+    void installSession(Session* fresh);
+    void joinListenThread();
+    void joinStaleListenThreads();
+    void abandonPendingResults();
+    bool awaitResult(FrameResult& result, kelvra::threads::CondVar& cond);
+    bool listenStopRequested(unsigned generation) const;
+    void retryEntered();
+    void retryLeft();
+
+    tavren::Logger* logger; // not owned
+    std::string host;
+    int port;
+    bool useAuthentication;
+    std::string login;
+    std::string passcode;
+    bool useHeartbeating; // set, never read: the heart-beat figures go out on every connect
+    std::string clientHeartbeat;
+    std::string serverHeartbeat;
+    std::string clientName;
+    EngineMutex* mutex;
+    kelvra::UniquePtr<Connector> connector;
+    int reconnectPeriod;
+    kelvra::utility::Version version;
+    std::string virtualHost;
+    kelvra::UniquePtr<StompConnection> connection;
+    kelvra::UniquePtr<Session> session;
+    std::map<std::string, tavren::Listener*> listeners;
+    std::map<std::string, tavren::Listener*> pausedListeners;
+    std::map<std::string, FrameResult*> pendingResults;
+    std::atomic<bool> listening; // the listen thread's run flag; read by it without the lock
+    pthread_t* listenThread;
+
+    // What the engine needs beyond the settings above to stay safe across
+    // threads: each is read and written under the engine lock unless atomic.
+    std::atomic<bool> hasSession;                 // session is non-empty; read by isConnected()
+    bool listenThreadStarted;                     // *listenThread holds a thread not yet joined
+    std::vector<pthread_t> staleListenThreads;    // listen threads that outlived their connection
+    std::atomic<unsigned> listenGeneration;       // counts connections; a listen thread serves one
+    std::map<std::string, std::pair<std::string, tavren::Listener*>> pendingRegistrations; // by receipt id
+    bool destroying;                              // the destructor has begun: no new attempts
+    int retriesInside;                            // timer-thread attempts inside the engine
+    kelvra::threads::CondVar retryDone;           // signalled when retriesInside drops
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif

@@ -1,0 +1,173 @@
+// The subscription registry: keeps the broker's subscriptions in step with
+// the listeners the application registered.
+
+#include "client/StompClientImpl.h"
+
+#include "frames/SubscribeFrame.h"
+#include "frames/UnsubscribeFrame.h"
+#include "transport/AprException.h"
+
+#include <sstream>
+
+namespace tavren {
+namespace internal {
+
+namespace {
+
+std::string writeFailure(const char* doing, const std::string& destination, const AprException& e) {
+    std::ostringstream line;
+    line << doing << destination << ". Error " << e.apr_reason() << ": " << e.what();
+    return line.str();
+}
+
+std::string refusal(const char* failed, const std::string& destination, const FrameResult& result) {
+    std::ostringstream line;
+    line << failed << destination << ". Broker replied: " << result.getShortDescription() << std::endl
+         << "More detail: " << result.getDescription();
+    return line.str();
+}
+
+} // namespace
+
+bool StompClientImpl::awaitResult(FrameResult& result, kelvra::threads::CondVar& cond) {
+    // Waits only while a listen thread runs that can deliver the answer; a
+    // lost connection wakes the waiter (abandonPendingResults). The loop also
+    // covers spurious wake-ups, so an answer is never read before it is set.
+    while (!result.hasResult() && !result.isAbandoned() && listening) mutex->wait(cond);
+    return result.hasResult();
+}
+
+void StompClientImpl::abandonPendingResults() {
+    // Called under the lock when the listen thread is told to stop: no answer
+    // can come any more. A listener still waiting to be subscribed joins the
+    // others now, so the next connection subscribes it with them.
+    for (auto& entry : pendingResults) {
+        FrameResult* result = entry.second;
+        auto registration = pendingRegistrations.find(entry.first);
+        if (registration != pendingRegistrations.end() && !(result->hasResult() && result->isError())) {
+            listeners.insert(registration->second);
+        }
+        result->abandon();
+        result->condition()->signal();
+    }
+}
+
+void StompClientImpl::registerListener(std::string destination, tavren::Listener* listener) {
+    EngineLock lock(*mutex);
+    logInfo("Registering listener on " + destination);
+    SubscribeFrame frame(destination, SubscribeFrame::CLIENT_INDIVIDUAL);
+    frame.requestReceipt();
+    try {
+        const apr_status_t rc = connection->write(&frame, 0);
+        if (rc != 0) throw AprException(rc);
+    } catch (AprException& e) {
+        logError(writeFailure("While trying to subscribe to ", destination, e));
+        eventDisconnectError();
+        return;
+    }
+
+    kelvra::threads::CondVar cond;
+    FrameResult result(&cond);
+    const std::string receiptId = frame.getReceiptId();
+    pendingResults.insert(std::make_pair(receiptId, &result));
+    pendingRegistrations[receiptId] = std::make_pair(destination, listener);
+    awaitResult(result, cond);
+    // The slot lives on this stack: its entry goes before the slot does.
+    pendingResults.erase(receiptId);
+    pendingRegistrations.erase(receiptId);
+
+    if (!result.hasResult()) {
+        logError("The broker's answer to the subscription to " + destination +
+                 " never came: the connection was lost. The listener is subscribed again"
+                 " when a connection stands.");
+        listeners.insert(std::make_pair(destination, listener));
+        return;
+    }
+    if (result.isError()) {
+        logError(refusal("Failed to subscribe to destination ", destination, result));
+        return;
+    }
+    logInfo("Subscribed to destination " + destination + " successfully.");
+    // An answer from a connection that is gone since names a subscription
+    // that is gone too: the re-subscription sets the id.
+    if (!result.isAbandoned()) listener->subscriptionId = frame.subscriptionId();
+    listeners.insert(std::make_pair(destination, listener));
+}
+
+void StompClientImpl::deregisterListener(std::string destination) {
+    EngineLock lock(*mutex);
+    logInfo("Deregistering listener on " + destination);
+    // Stopping a queue forgets it for good, also when it is paused.
+    pausedListeners.erase(destination);
+    auto entry = listeners.find(destination);
+    if (entry == listeners.end()) {
+        // Nothing is subscribed here: there is no subscription id to send.
+        logError("No listener is registered on " + destination + "; nothing to unsubscribe.");
+        return;
+    }
+
+    UnsubscribeFrame frame(entry->second->subscriptionId);
+    frame.requestReceipt();
+    try {
+        const apr_status_t rc = connection->write(&frame, 0);
+        if (rc != 0) throw AprException(rc);
+    } catch (AprException& e) {
+        logError(writeFailure("While trying to unsubscribe from ", destination, e));
+        eventDisconnectError();
+        listeners.erase(destination);
+        return;
+    }
+
+    kelvra::threads::CondVar cond;
+    FrameResult result(&cond);
+    const std::string receiptId = frame.getReceiptId();
+    pendingResults.insert(std::make_pair(receiptId, &result));
+    awaitResult(result, cond);
+    pendingResults.erase(receiptId);
+
+    if (!result.hasResult()) {
+        logError("The broker's answer to the unsubscription from " + destination +
+                 " never came: the connection was lost.");
+    } else if (result.isError()) {
+        logError(refusal("Failed to unsubscribe from destination ", destination, result));
+    } else {
+        logInfo("Unsubscribed from destination " + destination + " successfully.");
+    }
+    listeners.erase(destination);
+}
+
+void StompClientImpl::pauseAllListeners() {
+    EngineLock lock(*mutex);
+    logInfo("Pausing all listeners...");
+    // A copy: deregistering erases from the map, and other callers may change
+    // it while a deregistration waits for its receipt.
+    const std::map<std::string, tavren::Listener*> active = listeners;
+    for (const auto& entry : active) {
+        logInfo("De-registering listener for: " + entry.first);
+        deregisterListener(entry.first);
+        pausedListeners.insert(entry);
+    }
+}
+
+void StompClientImpl::resumeAllListeners() {
+    EngineLock lock(*mutex);
+    logInfo("Resuming all listeners...");
+    std::vector<std::pair<std::string, tavren::Listener*>> known(listeners.begin(), listeners.end());
+    known.insert(known.end(), pausedListeners.begin(), pausedListeners.end());
+    const unsigned generation = listenGeneration;
+    for (const auto& entry : known) {
+        // A newer connection subscribes everything itself, and a dying engine
+        // subscribes nothing.
+        if (destroying || listenGeneration != generation) break;
+        logInfo("Re-registering listener for: " + entry.first);
+        registerListener(entry.first, entry.second);
+    }
+    // A paused listener that is active again is no longer paused; otherwise
+    // every later reconnect would subscribe it twice.
+    for (auto it = pausedListeners.begin(); it != pausedListeners.end();) {
+        it = listeners.count(it->first) ? pausedListeners.erase(it) : std::next(it);
+    }
+}
+
+} // namespace internal
+} // namespace tavren
