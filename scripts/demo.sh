@@ -8,7 +8,7 @@ build=${BUILD_DIR:-$root/build}
 
 "$root/scripts/install-deps.sh"
 echo "== Building libtavren in $build"
-"$root/scripts/build.sh" "$build" -DTAVREN_BUILD_TESTS=OFF -DTAVREN_BUILD_BENCH=OFF | grep -E "Built target (tavren|fake_broker|frames_demo)" || true
+"$root/scripts/build.sh" "$build" -DTAVREN_BUILD_TESTS=OFF -DTAVREN_BUILD_BENCH=OFF | grep -E "Built target (tavren|fake_broker|queue_demo)" || true
 
 portfile=$(mktemp)
 "$build/examples/fake_broker" 0 "$portfile" &
@@ -18,6 +18,6 @@ for _ in $(seq 50); do [ -s "$portfile" ] && break; sleep 0.1; done
 port=$(cat "$portfile")
 
 echo "== Exchanging messages with the broker on 127.0.0.1:$port"
-timeout 30 "$build/examples/frames_demo" 127.0.0.1 "$port" demo
+timeout 60 "$build/examples/queue_demo" 127.0.0.1 "$port" demo 3
 sleep 0.2
 echo "== Done"
