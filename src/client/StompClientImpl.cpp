@@ -29,7 +29,9 @@ StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
       listenThreadStarted(false),
       listenGeneration(0),
       destroying(false),
-      retriesInside(0) {
+      retriesInside(0),
+      runningListenThreads(0) {
+    pthread_mutex_init(&threadsMutex, nullptr);
     connection.reset(new StompConnection());
     session.clean();
     mutex = new EngineMutex();
@@ -57,11 +59,14 @@ StompClientImpl::~StompClientImpl() {
                 abandonPendingResults();
                 joinListenThread();
             }
-            joinStaleListenThreads();
             if (retriesInside == 0) break;
             mutex->wait(retryDone);
         }
     }
+    // A listen thread that lost its own connection was detached; it may
+    // still be on its way out of the engine, which it leaves once it gets
+    // the lock released above.
+    waitForListenThreads();
     // Deleted without the lock: a cancelled connector's retry that waits for
     // the lock gives up, and its deletion waits for that.
     for (Connector* c : retired) delete c;
@@ -74,6 +79,7 @@ StompClientImpl::~StompClientImpl() {
     connection.clean();
     connector.clean();
     delete mutex;
+    pthread_mutex_destroy(&threadsMutex);
 }
 
 void StompClientImpl::setupSocketDetails(std::string h, int p) {
@@ -138,9 +144,13 @@ void StompClientImpl::eventConnect() {
     // Each connection gets a listen thread of its own; one that served an
     // earlier connection sees the count move on and ends.
     ++listenGeneration;
+    pthread_mutex_lock(&threadsMutex);
+    ++runningListenThreads;
+    pthread_mutex_unlock(&threadsMutex);
     if (pthread_create(listenThread, nullptr, &StompClientImpl::listen_thread_worker, this) == 0) {
         listenThreadStarted = true;
     } else {
+        listenThreadEnded();
         logError("Could not start the listen thread: no message or receipt will be read.");
     }
     try {
@@ -175,28 +185,29 @@ void StompClientImpl::joinListenThread() {
     // Called under the engine lock. The listen thread does not need the
     // lock to end: when it is asked to stop and cannot get the lock, it
     // settles its workers under the lock that this thread holds for it.
-    if (listenThreadStarted) {
-        listenThreadStarted = false;
-        if (pthread_equal(*listenThread, pthread_self())) {
-            // The listen thread itself lost the connection: it ends after this
-            // call returns, and is joined by whoever disconnects next.
-            staleListenThreads.push_back(*listenThread);
-        } else {
-            pthread_join(*listenThread, nullptr);
-        }
+    // Joining is skipped for a thread never started or already joined.
+    if (!listenThreadStarted) return;
+    listenThreadStarted = false;
+    if (pthread_equal(*listenThread, pthread_self())) {
+        // The listen thread itself lost the connection: it ends on its own
+        // after this call, and the destructor waits for it by count.
+        pthread_detach(*listenThread);
+    } else {
+        pthread_join(*listenThread, nullptr);
     }
-    joinStaleListenThreads();
 }
 
-void StompClientImpl::joinStaleListenThreads() {
-    for (auto it = staleListenThreads.begin(); it != staleListenThreads.end();) {
-        if (pthread_equal(*it, pthread_self())) {
-            ++it; // never join oneself
-            continue;
-        }
-        pthread_join(*it, nullptr);
-        it = staleListenThreads.erase(it);
-    }
+void StompClientImpl::listenThreadEnded() {
+    pthread_mutex_lock(&threadsMutex);
+    --runningListenThreads;
+    threadsEnded.broadcast();
+    pthread_mutex_unlock(&threadsMutex);
+}
+
+void StompClientImpl::waitForListenThreads() {
+    pthread_mutex_lock(&threadsMutex);
+    while (runningListenThreads > 0) threadsEnded.wait(&threadsMutex);
+    pthread_mutex_unlock(&threadsMutex);
 }
 
 bool StompClientImpl::listenStopRequested(unsigned generation) const {

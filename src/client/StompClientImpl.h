@@ -87,7 +87,8 @@ private:
 
     void installSession(Session* fresh);
     void joinListenThread();
-    void joinStaleListenThreads();
+    void listenThreadEnded();
+    void waitForListenThreads();
     void abandonPendingResults();
     bool awaitResult(FrameResult& result, kelvra::threads::CondVar& cond);
     bool listenStopRequested(unsigned generation) const;
@@ -121,12 +122,19 @@ private:
     // threads: each is read and written under the engine lock unless atomic.
     std::atomic<bool> hasSession;                 // session is non-empty; read by isConnected()
     bool listenThreadStarted;                     // *listenThread holds a thread not yet joined
-    std::vector<pthread_t> staleListenThreads;    // listen threads that outlived their connection
     std::atomic<unsigned> listenGeneration;       // counts connections; a listen thread serves one
-    std::map<std::string, std::pair<std::string, tavren::Listener*>> pendingRegistrations; // by receipt id
+    // Subscriptions and unsubscriptions waiting for their receipt, by receipt
+    // id: destination and listener (null for an unsubscription).
+    std::map<std::string, std::pair<std::string, tavren::Listener*>> pendingChanges;
     bool destroying;                              // the destructor has begun: no new attempts
     int retriesInside;                            // timer-thread attempts inside the engine
     kelvra::threads::CondVar retryDone;           // signalled when retriesInside drops
+    // Listen threads that have not ended yet, the detached ones included. A
+    // lock of its own, taken inside no other, so that a thread can report its
+    // end while the engine lock is held by whoever waits for it.
+    pthread_mutex_t threadsMutex;
+    int runningListenThreads;
+    kelvra::threads::CondVar threadsEnded;
 };
 
 } // namespace internal

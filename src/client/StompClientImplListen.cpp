@@ -72,8 +72,13 @@ private:
 };
 
 void* StompClientImpl::listen_thread_worker(void* arg) {
-    ListenLoop loop(static_cast<StompClientImpl*>(arg));
-    loop.run();
+    StompClientImpl* engine = static_cast<StompClientImpl*>(arg);
+    {
+        ListenLoop loop(engine);
+        loop.run();
+    }
+    // The last touch of the engine: after this the destructor may run.
+    engine->listenThreadEnded();
     return nullptr;
 }
 

@@ -40,12 +40,19 @@ bool StompClientImpl::awaitResult(FrameResult& result, kelvra::threads::CondVar&
 void StompClientImpl::abandonPendingResults() {
     // Called under the lock when the listen thread is told to stop: no answer
     // can come any more. A listener still waiting to be subscribed joins the
-    // others now, so the next connection subscribes it with them.
+    // others now, so the next connection subscribes it with them; one being
+    // unsubscribed leaves now, so the next connection does not subscribe it.
     for (auto& entry : pendingResults) {
         FrameResult* result = entry.second;
-        auto registration = pendingRegistrations.find(entry.first);
-        if (registration != pendingRegistrations.end() && !(result->hasResult() && result->isError())) {
-            listeners.insert(registration->second);
+        auto change = pendingChanges.find(entry.first);
+        if (change != pendingChanges.end()) {
+            const std::string& destination = change->second.first;
+            tavren::Listener* listener = change->second.second;
+            if (!listener) {
+                listeners.erase(destination);
+            } else if (!(result->hasResult() && result->isError())) {
+                listeners.insert(std::make_pair(destination, listener));
+            }
         }
         result->abandon();
         result->condition()->signal();
@@ -70,11 +77,11 @@ void StompClientImpl::registerListener(std::string destination, tavren::Listener
     FrameResult result(&cond);
     const std::string receiptId = frame.getReceiptId();
     pendingResults.insert(std::make_pair(receiptId, &result));
-    pendingRegistrations[receiptId] = std::make_pair(destination, listener);
+    pendingChanges[receiptId] = std::make_pair(destination, listener);
     awaitResult(result, cond);
     // The slot lives on this stack: its entry goes before the slot does.
     pendingResults.erase(receiptId);
-    pendingRegistrations.erase(receiptId);
+    pendingChanges.erase(receiptId);
 
     if (!result.hasResult()) {
         logError("The broker's answer to the subscription to " + destination +
@@ -122,8 +129,10 @@ void StompClientImpl::deregisterListener(std::string destination) {
     FrameResult result(&cond);
     const std::string receiptId = frame.getReceiptId();
     pendingResults.insert(std::make_pair(receiptId, &result));
+    pendingChanges[receiptId] = std::make_pair(destination, nullptr);
     awaitResult(result, cond);
     pendingResults.erase(receiptId);
+    pendingChanges.erase(receiptId);
 
     if (!result.hasResult()) {
         logError("The broker's answer to the unsubscription from " + destination +
