@@ -18,7 +18,9 @@ namespace {
 // How long the broker has to answer CONNECT, in microseconds.
 const long long kHandshakeTimeoutUs = 3000000;
 
-ConnectionException::ErrorType errorTypeOf(apr_status_t reason) {
+} // namespace
+
+ConnectionException::ErrorType Connector::errorTypeFor(int reason) {
     switch (reason) {
     case ETIMEDOUT: return ConnectionException::TimedOut;
     case ECONNREFUSED: return ConnectionException::ConnectionRefused;
@@ -27,8 +29,6 @@ ConnectionException::ErrorType errorTypeOf(apr_status_t reason) {
     default: return ConnectionException::UnknownError;
     }
 }
-
-} // namespace
 
 Connector::Connector(StompClientImpl* o, int reconnectPeriod, std::string name)
     : kelvra::time::Timer(reconnectPeriod), owner(o), clientName(name), cancelled(false) {}
@@ -91,7 +91,7 @@ void Connector::attemptConnect() {
         }
         throw ConnectionException(ConnectionException::UnknownError, "");
     } catch (AprException& e) {
-        throw ConnectionException(errorTypeOf(e.apr_reason()), "");
+        throw ConnectionException(errorTypeFor(e.apr_reason()), "");
     }
 }
 

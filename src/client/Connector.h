@@ -2,6 +2,7 @@
 #define TAVREN_INTERNAL_CONNECTOR_H
 
 #include <kelvra/time/Timer.h>
+#include <tavren/ConnectionException.h>
 
 #include <atomic>
 #include <string>
@@ -32,6 +33,12 @@ public:
      * hold of the engine lock gives up instead. Called under the engine lock.
      */
     void cancel() { cancelled = true; }
+
+    /**
+     * The error type of a failed attempt's runtime status: 110 (timed out),
+     * 111 (refused), 112 (host down), 113 (no route); anything else unknown.
+     */
+    static ConnectionException::ErrorType errorTypeFor(int aprReason);
 
 protected:
     /** A retry, on the timer's thread, under the engine lock. */

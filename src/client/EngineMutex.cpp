@@ -11,9 +11,22 @@ namespace {
 // How long lockUnless waits before it asks again whether to give up.
 const long kGiveUpPollNs = 5 * 1000 * 1000;
 
-struct timespec monotonicIn(long ns) {
+// The monotonic clock, so that a change of the wall clock cannot stretch a
+// wait. ThreadSanitizer does not know pthread_mutex_clocklock, so under it
+// the same wait is timed on the wall clock with pthread_mutex_timedlock.
+#if defined(__SANITIZE_THREAD__)
+const clockid_t kLockClock = CLOCK_REALTIME;
+int lockUntil(pthread_mutex_t* m, const struct timespec* until) { return pthread_mutex_timedlock(m, until); }
+#else
+const clockid_t kLockClock = CLOCK_MONOTONIC;
+int lockUntil(pthread_mutex_t* m, const struct timespec* until) {
+    return pthread_mutex_clocklock(m, CLOCK_MONOTONIC, until);
+}
+#endif
+
+struct timespec lockClockIn(long ns) {
     struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
+    clock_gettime(kLockClock, &t);
     t.tv_nsec += ns;
     if (t.tv_nsec >= 1000000000L) {
         t.tv_sec += 1;
@@ -47,9 +60,8 @@ void EngineMutex::unlock() {
 bool EngineMutex::lockUnless(const std::function<bool()>& giveUp) {
     for (;;) {
         if (giveUp()) return false;
-        // The monotonic clock: a change of the wall clock must not stretch the wait.
-        const struct timespec until = monotonicIn(kGiveUpPollNs);
-        const int rc = pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &until);
+        const struct timespec until = lockClockIn(kGiveUpPollNs);
+        const int rc = lockUntil(&mutex, &until);
         if (rc == 0) {
             ++depth;
             return true;

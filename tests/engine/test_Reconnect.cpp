@@ -49,6 +49,7 @@ TEST_F(Reconnect, DroppedConnectionIsMadeAgainAndEveryListenerSubscribedAgain) {
                                         "INFO: Subscribed to destination /queue/b successfully.",
                                         "INFO: Resolving remaining message handlers..."}));
     EXPECT_EQ(onConnection(sent("SUBSCRIBE"), 2).size(), 2u);
+    EXPECT_EQ(sent("CONNECT").at(1).headers, (HeaderMap{{"accept-version", "1.2"}, {"heart-beat", "0,0"}}));
     EXPECT_TRUE(client->isConnected());
 
     ASSERT_TRUE(broker.pushMessage("/queue/a", "after"));
