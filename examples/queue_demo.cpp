@@ -72,6 +72,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s HOST PORT [QUEUE] [COUNT] [LOGIN PASSCODE]\n", argv[0]);
         return 2;
     }
+    setvbuf(stdout, nullptr, _IOLBF, 0); // line by line, also into a pipe, so the output keeps its order
     const std::string host = argv[1];
     const int port = std::atoi(argv[2]);
     const std::string queue = argc > 3 ? argv[3] : "tavren-demo";

@@ -9,7 +9,8 @@ namespace tavren {
 /** A connection attempt that failed, and why. */
 class ConnectionException : public std::exception {
 public:
-    enum ErrorType {
+    // Fixed underlying type: any int is a valid value (one outside 0 to 6 reads as UnknownError).
+    enum ErrorType : int {
         TimedOut = 0,          // "Timed out while attempting to connect."
         ConnectionRefused = 1, // "The connection was refused."
         NoRouteToHost = 2,     // "No route to host."
