@@ -90,7 +90,8 @@ private:
     void listenThreadEnded();
     void waitForListenThreads();
     void abandonPendingResults();
-    bool awaitResult(FrameResult& result, kelvra::threads::CondVar& cond);
+    bool writeAndAwait(ClientFrame& frame, const std::string& destination, tavren::Listener* registering,
+                       FrameResult& result, kelvra::threads::CondVar& cond);
     bool listenStopRequested(unsigned generation) const;
     void retryEntered();
     void retryLeft();

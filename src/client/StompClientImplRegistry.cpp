@@ -14,12 +14,6 @@ namespace internal {
 
 namespace {
 
-std::string writeFailure(const char* doing, const std::string& destination, const AprException& e) {
-    std::ostringstream line;
-    line << doing << destination << ". Error " << e.apr_reason() << ": " << e.what();
-    return line.str();
-}
-
 std::string refusal(const char* failed, const std::string& destination, const FrameResult& result) {
     std::ostringstream line;
     line << failed << destination << ". Broker replied: " << result.getShortDescription() << std::endl
@@ -29,12 +23,33 @@ std::string refusal(const char* failed, const std::string& destination, const Fr
 
 } // namespace
 
-bool StompClientImpl::awaitResult(FrameResult& result, kelvra::threads::CondVar& cond) {
+bool StompClientImpl::writeAndAwait(ClientFrame& frame, const std::string& destination, tavren::Listener* registering,
+                                    FrameResult& result, kelvra::threads::CondVar& cond) {
+    // Called under the lock. A failed write is logged and handled as a lost
+    // connection; false tells the caller there is nothing to wait for.
+    try {
+        const apr_status_t rc = connection->write(&frame, 0);
+        if (rc != 0) throw AprException(rc);
+    } catch (AprException& e) {
+        std::ostringstream line;
+        line << (registering ? "While trying to subscribe to " : "While trying to unsubscribe from ") << destination
+             << ". Error " << e.apr_reason() << ": " << e.what();
+        logError(line.str());
+        eventDisconnectError();
+        return false;
+    }
+
+    const std::string receiptId = frame.getReceiptId();
+    pendingResults.insert(std::make_pair(receiptId, &result));
+    pendingChanges[receiptId] = std::make_pair(destination, registering);
     // Waits only while a listen thread runs that can deliver the answer; a
     // lost connection wakes the waiter (abandonPendingResults). The loop also
     // covers spurious wake-ups, so an answer is never read before it is set.
     while (!result.hasResult() && !result.isAbandoned() && listening) mutex->wait(cond);
-    return result.hasResult();
+    // The slot lives on the caller's stack: its entry goes before the slot does.
+    pendingResults.erase(receiptId);
+    pendingChanges.erase(receiptId);
+    return true;
 }
 
 void StompClientImpl::abandonPendingResults() {
@@ -64,24 +79,9 @@ void StompClientImpl::registerListener(std::string destination, tavren::Listener
     logInfo("Registering listener on " + destination);
     SubscribeFrame frame(destination, SubscribeFrame::CLIENT_INDIVIDUAL);
     frame.requestReceipt();
-    try {
-        const apr_status_t rc = connection->write(&frame, 0);
-        if (rc != 0) throw AprException(rc);
-    } catch (AprException& e) {
-        logError(writeFailure("While trying to subscribe to ", destination, e));
-        eventDisconnectError();
-        return;
-    }
-
     kelvra::threads::CondVar cond;
     FrameResult result(&cond);
-    const std::string receiptId = frame.getReceiptId();
-    pendingResults.insert(std::make_pair(receiptId, &result));
-    pendingChanges[receiptId] = std::make_pair(destination, listener);
-    awaitResult(result, cond);
-    // The slot lives on this stack: its entry goes before the slot does.
-    pendingResults.erase(receiptId);
-    pendingChanges.erase(receiptId);
+    if (!writeAndAwait(frame, destination, listener, result, cond)) return;
 
     if (!result.hasResult()) {
         logError("The broker's answer to the subscription to " + destination +
@@ -115,24 +115,12 @@ void StompClientImpl::deregisterListener(std::string destination) {
 
     UnsubscribeFrame frame(entry->second->subscriptionId);
     frame.requestReceipt();
-    try {
-        const apr_status_t rc = connection->write(&frame, 0);
-        if (rc != 0) throw AprException(rc);
-    } catch (AprException& e) {
-        logError(writeFailure("While trying to unsubscribe from ", destination, e));
-        eventDisconnectError();
+    kelvra::threads::CondVar cond;
+    FrameResult result(&cond);
+    if (!writeAndAwait(frame, destination, nullptr, result, cond)) {
         listeners.erase(destination);
         return;
     }
-
-    kelvra::threads::CondVar cond;
-    FrameResult result(&cond);
-    const std::string receiptId = frame.getReceiptId();
-    pendingResults.insert(std::make_pair(receiptId, &result));
-    pendingChanges[receiptId] = std::make_pair(destination, nullptr);
-    awaitResult(result, cond);
-    pendingResults.erase(receiptId);
-    pendingChanges.erase(receiptId);
 
     if (!result.hasResult()) {
         logError("The broker's answer to the unsubscription from " + destination +

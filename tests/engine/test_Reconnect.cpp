@@ -301,39 +301,43 @@ TEST_F(Destroy, ConnectedWithWorkersBusy) {
     EXPECT_TRUE(sent("ACK").empty());
 }
 
+// A client of a broker of its own, connected and listening on "q".
+struct Scene {
+    Scene(int periodMs, tavren::Listener* listener)
+        : client(new StompClient("127.0.0.1", broker.port(), &log, nullptr)) {
+        client->openConnection(periodMs, kelvra::utility::Version("1.2"));
+        client->listenOnQueue("q", listener);
+    }
+    FakeBroker broker;
+    tavren::test::CapturingLogger log;
+    std::unique_ptr<StompClient> client;
+};
+
 TEST_F(Destroy, WhileATimerRetrySucceeds) {
     // The timer thread connects and subscribes again while the application
     // destroys the client; whatever the timing, neither hangs nor crashes.
     RecordingListener listener;
     for (int round = 0; round < 12; ++round) {
-        FakeBroker local;
-        tavren::test::CapturingLogger roundLog;
-        std::unique_ptr<StompClient> c(new StompClient("127.0.0.1", local.port(), &roundLog, nullptr));
-        c->openConnection(5, kelvra::utility::Version("1.2"));
-        ASSERT_TRUE(c->isConnected());
-        c->listenOnQueue("q", &listener);
-        local.refuseConnections();
-        local.dropConnection();
-        ASSERT_TRUE(roundLog.waitFor("INFO: Retrying connect..."));
-        ASSERT_TRUE(local.acceptConnections());
+        Scene scene(5, &listener);
+        ASSERT_TRUE(scene.client->isConnected());
+        scene.broker.refuseConnections();
+        scene.broker.dropConnection();
+        ASSERT_TRUE(scene.log.waitFor("INFO: Retrying connect..."));
+        ASSERT_TRUE(scene.broker.acceptConnections());
         std::this_thread::sleep_for(std::chrono::milliseconds(round % 6));
-        c.reset();
+        scene.client.reset();
     }
 }
 
 TEST_F(Destroy, WhileAListenThreadReconnectWaitsForReceipts) {
     RecordingListener listener;
     for (int round = 0; round < 12; ++round) {
-        FakeBroker local;
-        tavren::test::CapturingLogger roundLog;
-        std::unique_ptr<StompClient> c(new StompClient("127.0.0.1", local.port(), &roundLog, nullptr));
-        c->openConnection(50, kelvra::utility::Version("1.2"));
-        c->listenOnQueue("q", &listener);
-        local.setSubscribeReply(FakeBroker::ReceiptReply::Silence);
-        local.dropConnection();
-        ASSERT_TRUE(local.waitForConnections(2));
+        Scene scene(50, &listener);
+        scene.broker.setSubscribeReply(FakeBroker::ReceiptReply::Silence);
+        scene.broker.dropConnection();
+        ASSERT_TRUE(scene.broker.waitForConnections(2));
         std::this_thread::sleep_for(std::chrono::milliseconds(round % 4));
-        c.reset();
+        scene.client.reset();
     }
 }
 
