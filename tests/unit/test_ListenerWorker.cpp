@@ -87,9 +87,11 @@ class Slow : public Listener {
 public:
     int onMessage(kelvra::SharedPtr<Message>) override {
         while (!release) usleep(1000);
+        returned = true;
         return 0;
     }
     std::atomic<bool> release{false};
+    std::atomic<bool> returned{false};
 };
 
 TEST(ListenerWorker, AbandonedWorkerDeletesItsOwnRecord) {
@@ -103,7 +105,10 @@ TEST(ListenerWorker, AbandonedWorkerDeletesItsOwnRecord) {
     pthread_mutex_unlock(data->mutex);
     listener.release = true;
     // The record is the worker's now; under ASan a leak or double free shows.
-    usleep(100 * 1000);
+    // The listener must outlive its call.
+    for (int i = 0; i < 5000 && !listener.returned; ++i) usleep(1000);
+    EXPECT_TRUE(listener.returned);
+    usleep(50 * 1000);
 }
 
 TEST(Message, ViewsTheFrameWithoutOwningIt) {
