@@ -3,6 +3,7 @@
 // count after a warm-up are compared with those after many times more work.
 
 #include "support/EngineFixture.h"
+#include "support/Memory.h"
 
 #include <unistd.h>
 
@@ -11,25 +12,10 @@
 namespace {
 
 using tavren::test::EngineTest;
-using tavren::test::RecordingListener;
+using tavren::test::residentKiB;
 using tavren::test::threadCount;
 
-long residentKiB() {
-    long pages = 0, resident = 0;
-    FILE* f = std::fopen("/proc/self/statm", "r");
-    if (!f) return -1;
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
-    std::fclose(f);
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
 
-#ifdef TAVREN_SANITIZED
-// Sanitizers keep freed memory in quarantine and add shadow memory: the
-// process's memory says nothing about the library's there.
-#define SKIP_UNDER_SANITIZERS() GTEST_SKIP() << "memory is measured in the plain build"
-#else
-#define SKIP_UNDER_SANITIZERS() (void)0
-#endif
 
 // A listener that only counts: a recording one would grow by itself.
 class Counting : public tavren::Listener {

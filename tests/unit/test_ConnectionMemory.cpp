@@ -4,6 +4,7 @@
 #include "transport/StompConnection.h"
 
 #include "support/ConnectedPeer.h"
+#include "support/Memory.h"
 #include "support/TestFrame.h"
 
 #include <gtest/gtest.h>
@@ -20,19 +21,12 @@
 using tavren::internal::ServerFrame;
 using tavren::internal::StompConnection;
 using tavren::test::TestFrame;
+using tavren::test::heapInUseKiB;
+using tavren::test::residentKiB;
 
 namespace {
 
-long residentKiB() {
-    long pages = 0, resident = 0;
-    FILE* f = std::fopen("/proc/self/statm", "r");
-    if (!f) return -1;
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
-    std::fclose(f);
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
 
-long heapInUseKiB() { return static_cast<long>(mallinfo2().uordblks / 1024); }
 
 // Frames of both kinds, a line spanning reads now and then, and heart-beats between them.
 std::string frameBytes(int i) {
@@ -50,13 +44,6 @@ std::string frameBytes(int i) {
 
 using ConnectionMemory = tavren::test::ConnectedPeer;
 
-#ifdef TAVREN_SANITIZED
-// Sanitizers keep freed memory in quarantine and add shadow memory: the
-// process's memory says nothing about the library's there.
-#define SKIP_UNDER_SANITIZERS() GTEST_SKIP() << "memory is measured in the plain build"
-#else
-#define SKIP_UNDER_SANITIZERS() (void)0
-#endif
 
 TEST_F(ConnectionMemory, ReadingManyFramesDoesNotGrowMemory) {
     SKIP_UNDER_SANITIZERS();

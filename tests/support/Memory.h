@@ -1,0 +1,36 @@
+#ifndef TAVREN_TEST_MEMORY_H
+#define TAVREN_TEST_MEMORY_H
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace tavren {
+namespace test {
+
+/** The process's resident memory, in KiB; -1 if it cannot be read. */
+inline long residentKiB() {
+    long pages = 0, resident = 0;
+    FILE* f = std::fopen("/proc/self/statm", "r");
+    if (!f) return -1;
+    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
+    std::fclose(f);
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+/** Heap bytes in use in the main arena, in KiB. */
+inline long heapInUseKiB() { return static_cast<long>(mallinfo2().uordblks / 1024); }
+
+} // namespace test
+} // namespace tavren
+
+#ifdef TAVREN_SANITIZED
+// Sanitizers keep freed memory in quarantine and add shadow memory: the
+// process's memory says nothing about the library's there.
+#define SKIP_UNDER_SANITIZERS() GTEST_SKIP() << "memory is measured in the plain build"
+#else
+#define SKIP_UNDER_SANITIZERS() (void)0
+#endif
+
+#endif
