@@ -1,5 +1,7 @@
 #include "client/EngineMutex.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <ctime>
 
@@ -66,7 +68,8 @@ bool EngineMutex::lockUnless(const std::function<bool()>& giveUp) {
             ++depth;
             return true;
         }
-        if (rc != ETIMEDOUT) return false;
+        // Only giving up returns false: any other failure is tried again.
+        if (rc != ETIMEDOUT) usleep(1000);
     }
 }
 

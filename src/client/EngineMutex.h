@@ -28,9 +28,10 @@ public:
     void unlock();
 
     /**
-     * Takes the lock, unless giveUp() turns true while it waits: then
-     * returns false without it. giveUp is asked every few milliseconds, so a
-     * thread that is being stopped by the lock's holder never blocks on it.
+     * Takes the lock, unless giveUp() turns true while it waits: then, and
+     * only then, returns false without it. giveUp is asked every few
+     * milliseconds, so a thread that is being stopped by the lock's holder
+     * never blocks on it.
      */
     bool lockUnless(const std::function<bool()>& giveUp);
 
