@@ -147,12 +147,20 @@ void StompClientImpl::eventConnect() {
     pthread_mutex_lock(&threadsMutex);
     ++runningListenThreads;
     pthread_mutex_unlock(&threadsMutex);
-    if (pthread_create(listenThread, nullptr, &StompClientImpl::listen_thread_worker, this) == 0) {
-        listenThreadStarted = true;
-    } else {
+    const int rc = pthread_create(listenThread, nullptr, &StompClientImpl::listen_thread_worker, this);
+    if (rc != 0) {
+        // Without a listen thread nothing is read and no receipt would ever
+        // come: the connection is given up and retried on the timer.
         listenThreadEnded();
-        logError("Could not start the listen thread: no message or receipt will be read.");
+        logError(std::string("Could not start the listen thread: ") + strerror(rc));
+        eventDisconnect(true);
+        if (!destroying) {
+            connector.reset(new Connector(this, reconnectPeriod, clientName));
+            connector->start();
+        }
+        return;
     }
+    listenThreadStarted = true;
     try {
         resumeAllListeners();
     } catch (std::exception& e) {

@@ -139,7 +139,7 @@ inline int threadCount() {
  */
 class EngineTest : public ::testing::Test {
 protected:
-    EngineTest() : watchdog(90) {}
+    explicit EngineTest(int watchdogSeconds = 90) : watchdog(watchdogSeconds) {}
 
     void TearDown() override { client.reset(); }
 
