@@ -1,0 +1,74 @@
+# Shared by the broker scripts: where a broker's files live, how to tell that
+# its STOMP port answers, and how to stop exactly the process that was started.
+# Sourced, not run.
+
+# Every broker keeps its configuration, data, log and pid file in one folder
+# of its own below this one, so starting one never touches the package's
+# own instance and a second start finds the first.
+TAVREN_BROKER_DIR=${TAVREN_BROKER_DIR:-/var/tmp/tavren-brokers}
+
+log() { echo "[$(basename "$0")] $*"; }
+
+# True when a STOMP CONNECT on 127.0.0.1:$1 is answered with CONNECTED within
+# two seconds. An open port alone is not enough: both brokers accept TCP
+# connections a while before they can serve a session.
+stomp_answers() {
+  local port=$1 reply
+  reply=$(timeout 3 bash -c '
+    exec 3<>"/dev/tcp/127.0.0.1/$0" || exit 1
+    printf "CONNECT\naccept-version:1.0,1.1,1.2\nhost:/\nlogin:guest\npasscode:guest\n\n\0" >&3
+    IFS= read -r -t 2 line <&3 && printf "%s" "$line"
+    printf "DISCONNECT\n\n\0" >&3 2>/dev/null
+    exec 3>&-' "$port" 2>/dev/null) || return 1
+  [ "${reply%$'\r'}" = "CONNECTED" ]
+}
+
+# The pid in file $1 when that process still runs, nothing otherwise.
+running_pid() {
+  local pid
+  [ -s "$1" ] || return 1
+  pid=$(cat "$1")
+  kill -0 "$pid" 2>/dev/null && echo "$pid"
+}
+
+# Waits up to $2 seconds for the broker on port $1 to answer; $3 is the pid
+# of the broker, whose end stops the wait at once. $4 is its log, shown when
+# it fails.
+wait_until_answers() {
+  local port=$1 seconds=$2 pid=$3 logfile=$4 start=$SECONDS
+  while ! stomp_answers "$port"; do
+    if ! kill -0 "$pid" 2>/dev/null; then
+      log "the broker (pid $pid) ended before it answered; the end of $logfile:"
+      tail -n 30 "$logfile" >&2 || true
+      return 1
+    fi
+    if [ $((SECONDS - start)) -ge "$seconds" ]; then
+      log "no CONNECTED on 127.0.0.1:$port after ${seconds}s; the end of $logfile:"
+      tail -n 30 "$logfile" >&2 || true
+      return 1
+    fi
+    sleep 0.5
+  done
+  log "STOMP answers on 127.0.0.1:$port after $((SECONDS - start))s (pid $pid)"
+}
+
+# Stops the process whose pid is in file $1 (TERM, then KILL after $2
+# seconds) and removes the file. Nothing else is signalled.
+stop_pidfile() {
+  local file=$1 grace=${2:-30} pid
+  if ! pid=$(running_pid "$file"); then
+    rm -f "$file"
+    return 0
+  fi
+  kill -TERM "$pid" 2>/dev/null || true
+  for _ in $(seq $((grace * 10))); do
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.1
+  done
+  if kill -0 "$pid" 2>/dev/null; then
+    log "pid $pid still runs after ${grace}s; killing it"
+    kill -KILL "$pid" 2>/dev/null || true
+    while kill -0 "$pid" 2>/dev/null; do sleep 0.1; done
+  fi
+  rm -f "$file"
+}

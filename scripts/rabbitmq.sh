@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# Starts or stops a RabbitMQ broker with STOMP for libtavren's demo and tests.
+#
+#   scripts/rabbitmq.sh start | stop | status
+#
+# The broker runs as user rabbitmq in the background, bound to 127.0.0.1 only:
+# STOMP on $TAVREN_RABBITMQ_PORT (61623), AMQP on 5682, the Erlang
+# distribution on 25682 and its own epmd on 4379, so that it neither meets a
+# RabbitMQ the machine may run already nor listens beyond loopback. Its files
+# live in $TAVREN_BROKER_DIR/rabbitmq. "start" returns once a STOMP CONNECT is
+# answered with CONNECTED; starting a running broker and stopping a stopped
+# one do nothing. "stop" ends exactly the processes "start" started, by the
+# pids it wrote. Needs root and Debian's rabbitmq-server (scripts/install-brokers.sh).
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+source "$here/brokers/common.sh"
+
+stomp_port=${TAVREN_RABBITMQ_PORT:-61623}
+amqp_port=5682
+dist_port=25682
+epmd_port=4379
+dir=$TAVREN_BROKER_DIR/rabbitmq
+pidfile=$dir/rabbitmq.pid
+epmd_pidfile=$dir/epmd.pid
+logfile=$dir/log/console.log
+as_rabbitmq=(setpriv --reuid=rabbitmq --regid=rabbitmq --init-groups --)
+
+prepare() {
+  mkdir -p "$dir/log" "$dir/mnesia"
+  echo "[rabbitmq_stomp]." > "$dir/enabled_plugins"
+  cat > "$dir/rabbitmq.conf" <<CONF
+listeners.tcp.1 = 127.0.0.1:$amqp_port
+stomp.listeners.tcp.1 = 127.0.0.1:$stomp_port
+stomp.default_user = guest
+stomp.default_pass = guest
+CONF
+  chown -R rabbitmq:rabbitmq "$dir"
+}
+
+# Everything the server reads from its environment, so that it uses the
+# folder above and loopback ports only.
+server_env() {
+  export HOME=$dir
+  export RABBITMQ_NODENAME=tavren@localhost
+  export RABBITMQ_NODE_IP_ADDRESS=127.0.0.1
+  export RABBITMQ_NODE_PORT=$amqp_port
+  export RABBITMQ_DIST_PORT=$dist_port
+  export ERL_EPMD_ADDRESS=127.0.0.1
+  export ERL_EPMD_PORT=$epmd_port
+  export RABBITMQ_CONFIG_FILE=$dir/rabbitmq.conf
+  export RABBITMQ_ENABLED_PLUGINS_FILE=$dir/enabled_plugins
+  export RABBITMQ_MNESIA_BASE=$dir/mnesia
+  export RABBITMQ_LOG_BASE=$dir/log
+  export RABBITMQ_PID_FILE=$dir/server.pid
+  export RABBITMQ_LOGS=-
+}
+
+start() {
+  if pid=$(running_pid "$pidfile"); then
+    wait_until_answers "$stomp_port" 60 "$pid" "$logfile"
+    return
+  fi
+  command -v rabbitmq-server >/dev/null || { log "rabbitmq-server is not installed; run scripts/install-brokers.sh"; exit 1; }
+  prepare
+  server_env
+  if ! running_pid "$epmd_pidfile" >/dev/null; then
+    # epmd is started here rather than by the server, so that its pid is known
+    # and "stop" can end it too.
+    "${as_rabbitmq[@]}" epmd -address 127.0.0.1 -port "$epmd_port" > "$dir/log/epmd.log" 2>&1 &
+    echo $! > "$epmd_pidfile"
+  fi
+  "${as_rabbitmq[@]}" /usr/lib/rabbitmq/bin/rabbitmq-server > "$logfile" 2>&1 &
+  local pid=$!
+  echo "$pid" > "$pidfile"
+  log "started RabbitMQ (pid $pid), STOMP on 127.0.0.1:$stomp_port, files in $dir"
+  wait_until_answers "$stomp_port" 60 "$pid" "$logfile"
+}
+
+stop() {
+  stop_pidfile "$pidfile" 30
+  stop_pidfile "$epmd_pidfile" 5
+  log "stopped"
+}
+
+case ${1:-} in
+  start) start ;;
+  stop) stop ;;
+  status)
+    if pid=$(running_pid "$pidfile") && stomp_answers "$stomp_port"; then
+      echo "running (pid $pid), STOMP on 127.0.0.1:$stomp_port"
+    else
+      echo "not running"; exit 3
+    fi ;;
+  *) echo "usage: $0 start|stop|status" >&2; exit 2 ;;
+esac
