@@ -56,6 +56,7 @@ private:
 
     void dispatch(ServerFrame* frame);
     void dispatchMessage(ServerFrame* frame);
+    tavren::Listener* listenerFor(const std::string& destination) const;
     void deliverResult(ServerFrame* frame);
     bool reapFinished();
     void resolve();
@@ -140,11 +141,11 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
     auto destination = frame->headers().find("destination");
     if (destination == frame->headers().end()) return; // dropped, not acknowledged
     const std::string name = destination->second;
-    auto listener = engine->listeners.find(name);
-    if (listener == engine->listeners.end()) return; // nobody listens: dropped, not acknowledged
+    tavren::Listener* listener = listenerFor(name);
+    if (!listener) return; // nobody listens: dropped, not acknowledged
 
     Listener::WorkerData* data = new Listener::WorkerData();
-    data->listener = listener->second;
+    data->listener = listener;
     data->frame.reset(message.release());
     if (pthread_create(data->thread, nullptr, &Listener::listener_worker_func, data) != 0) {
         engine->logError("Could not start a worker for message " + headerOrEmpty(*data->frame, "message-id") +
@@ -153,6 +154,21 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
         return;
     }
     workers.push_back(Worker{data, false, nullptr});
+}
+
+tavren::Listener* StompClientImpl::ListenLoop::listenerFor(const std::string& destination) const {
+    auto listener = engine->listeners.find(destination);
+    if (listener != engine->listeners.end()) return listener->second;
+    // Brokers hand out a queue's waiting messages as soon as the subscription
+    // stands, often in the same packet as its RECEIPT. The subscriber enters
+    // its listener only once it has the lock back, which this thread may take
+    // first: the listener of a subscription still waiting for its answer
+    // takes such a message, so it is not left unacknowledged for as long as
+    // the connection stands.
+    for (const auto& change : engine->pendingChanges) {
+        if (change.second.second && change.second.first == destination) return change.second.second;
+    }
+    return nullptr;
 }
 
 void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {

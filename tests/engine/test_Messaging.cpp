@@ -4,6 +4,8 @@
 #include "support/UuidText.h"
 
 #include <set>
+#include <string>
+#include <thread>
 
 namespace {
 
@@ -122,6 +124,32 @@ INSTANTIATE_TEST_SUITE_P(
         AckCase{"ActiveMQ12", "ActiveMQ/5.17.2", "1.2",
                 [](const std::string& id, const std::string&) { return HeaderMap{{"ack", id}}; }}),
     [](const ::testing::TestParamInfo<AckCase>& info) { return std::string(info.param.name); });
+
+// Brokers hand a queue's waiting messages out as soon as the subscription
+// stands, often in the same packet as its RECEIPT: such a message reaches the
+// listener even when the listen thread reads it before the subscriber has
+// taken the lock back.
+TEST_F(Messaging, MessageRightBehindTheSubscriptionReceiptReachesTheListener) {
+    connect();
+    for (int round = 0; round < 20; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        broker.setSubscribeReply(FakeBroker::ReceiptReply::Silence);
+        RecordingListener listener;
+        const std::string queue = "waiting" + std::to_string(round);
+        std::thread subscriber([&] { client->listenOnQueue(queue, &listener); });
+        ASSERT_TRUE(broker.waitForFrames("SUBSCRIBE", static_cast<size_t>(round) + 1));
+        const RecordedFrame subscribe = sent("SUBSCRIBE")[static_cast<size_t>(round)];
+        const std::string frames = "RECEIPT\nreceipt-id:" + subscribe.headers.at("receipt") + "\n\n" + std::string(1, '\0') +
+                                   "MESSAGE\ndestination:/queue/" + queue + "\nmessage-id:m" + std::to_string(round) +
+                                   "\nsubscription:" + subscribe.headers.at("id") + "\n\nwaiting" + std::string(1, '\0');
+        ASSERT_TRUE(broker.sendRaw(frames));
+        subscriber.join();
+        ASSERT_TRUE(listener.waitFinished(1));
+        EXPECT_EQ(listener.received()[0].text, "waiting");
+        ASSERT_TRUE(broker.waitForFrames("ACK", static_cast<size_t>(round) + 1));
+        client->stopListeningOnQueue(queue);
+    }
+}
 
 TEST_F(Messaging, MessagesWithoutListenerOrDestinationAreDroppedUnacknowledged) {
     connect();
