@@ -3,123 +3,24 @@
 
 #include "support/CapturingLogger.h"
 #include "support/FakeBroker.h"
+#include "support/RecordingListener.h"
+#include "support/Watchdog.h"
 
 #include <kelvra/utility/Version.h>
-#include <tavren/Listener.h>
 #include <tavren/StompClient.h>
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace tavren {
 namespace test {
-
-/**
- * Ends the process if a test runs longer than its limit, so that a deadlock
- * fails with a message instead of hanging.
- */
-class Watchdog {
-public:
-    explicit Watchdog(int seconds) : done(false) {
-        thread = std::thread([this, seconds] {
-            std::unique_lock<std::mutex> lock(mutex);
-            if (!cond.wait_for(lock, std::chrono::seconds(seconds), [this] { return done; })) {
-                const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-                std::fprintf(stderr, "watchdog: %s.%s still runs after %d s: deadlock?\n",
-                             info ? info->test_suite_name() : "?", info ? info->name() : "?", seconds);
-                std::abort();
-            }
-        });
-    }
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            done = true;
-        }
-        cond.notify_all();
-        thread.join();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable cond;
-    bool done;
-    std::thread thread;
-};
-
-/** A message as a listener saw it. */
-struct Received {
-    std::string text;
-    HeaderMap headers;
-};
-
-/**
- * A listener that records what it is handed and answers with a fixed value.
- * When gated, each call waits until the test opens the gate.
- */
-class RecordingListener : public tavren::Listener {
-public:
-    explicit RecordingListener(int answer = 0) : answer(answer) {}
-
-    int onMessage(kelvra::SharedPtr<tavren::Message> message) override {
-        std::unique_lock<std::mutex> lock(mutex);
-        messages.push_back(Received{message->text(), message->headers()});
-        ++entered;
-        changed.notify_all();
-        changed.wait(lock, [this] { return !gated; });
-        ++finished;
-        changed.notify_all();
-        return answer;
-    }
-
-    void closeGate() {
-        std::lock_guard<std::mutex> lock(mutex);
-        gated = true;
-    }
-    void openGate() {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            gated = false;
-        }
-        changed.notify_all();
-    }
-    bool waitEntered(int n, int timeoutMs = 5000) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return entered >= n; });
-    }
-    bool waitFinished(int n, int timeoutMs = 5000) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return finished >= n; });
-    }
-    std::vector<Received> received() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return messages;
-    }
-    int count() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return entered;
-    }
-
-private:
-    const int answer;
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Received> messages;
-    int entered = 0;
-    int finished = 0;
-    bool gated = false;
-};
 
 /** How many threads the process runs now. */
 inline int threadCount() {

@@ -1,0 +1,116 @@
+#ifndef TAVREN_TEST_BROKERFIXTURE_H
+#define TAVREN_TEST_BROKERFIXTURE_H
+
+#include "support/CapturingLogger.h"
+#include "support/RealBroker.h"
+#include "support/RecordingListener.h"
+#include "support/Watchdog.h"
+
+#include <kelvra/utility/Uuid.h>
+#include <kelvra/utility/Version.h>
+#include <tavren/StompClient.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace tavren {
+namespace test {
+
+/** One real broker and the one protocol version the client offers it. */
+struct BrokerVersion {
+    RealBroker broker;
+    std::string version;
+};
+
+inline std::ostream& operator<<(std::ostream& out, const BrokerVersion& c) {
+    return out << c.broker.name() << " " << c.version;
+}
+
+/** Both brokers, each with every version the client can offer. */
+inline std::vector<BrokerVersion> everyBrokerAndVersion() {
+    std::vector<BrokerVersion> cases;
+    for (const RealBroker& broker : {RealBroker::rabbitmq(), RealBroker::activemq()}) {
+        for (const char* version : {"1.0", "1.1", "1.2"}) cases.push_back(BrokerVersion{broker, version});
+    }
+    return cases;
+}
+
+/** "RabbitMQ_1_2": the case's part of a test's name. */
+inline std::string caseName(const ::testing::TestParamInfo<BrokerVersion>& info) {
+    std::string name = info.param.broker.name() + "_" + info.param.version;
+    for (char& c : name) {
+        if (c == '.') c = '_';
+    }
+    return name;
+}
+
+/** Polls condition every 20 ms for up to timeoutMs; true once it holds. */
+template <typename Condition>
+bool eventually(Condition condition, int timeoutMs) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > until) return false;
+        usleep(20 * 1000);
+    }
+    return true;
+}
+
+/** The value of header name in headers, or "(none)". */
+inline std::string headerOf(const HeaderMap& headers, const std::string& name) {
+    auto it = headers.find(name);
+    return it == headers.end() ? "(none)" : it->second;
+}
+
+/**
+ * A test against a real broker on loopback, once for each broker and
+ * version. Every test uses queues of its own (a fresh name each run), so
+ * what an earlier test or run left in a queue never reaches it.
+ *
+ * Clients are made by the test body and must be declared after the
+ * listeners and loggers they use, so that they go first.
+ */
+class BrokerTest : public ::testing::TestWithParam<BrokerVersion> {
+protected:
+    BrokerTest() : watchdog(240) {}
+
+    void SetUp() override { ASSERT_TRUE(broker().answers()) << broker().howToStart(); }
+
+    const RealBroker& broker() const { return GetParam().broker; }
+    const std::string& version() const { return GetParam().version; }
+
+    /** A client of the broker logging in as guest (or with passcode); port 0 is the broker's own. */
+    std::unique_ptr<StompClient> newClient(CapturingLogger& log, const std::string& passcode = "guest", int port = 0) {
+        return std::unique_ptr<StompClient>(
+            new StompClient("127.0.0.1", port ? port : broker().port(), "guest", passcode, &log, nullptr));
+    }
+
+    /** Opens client's connection with the case's version; true when it stands. */
+    bool open(StompClient& client, int reconnectPeriodMs = 1000) {
+        client.openConnection(reconnectPeriodMs, kelvra::utility::Version(version()));
+        return client.isConnected();
+    }
+
+    /** A queue name no other test or run uses: "tavren-it-PURPOSE-RabbitMQ_1_2-1a2b3c4d". */
+    std::string freshQueue(const std::string& purpose) const {
+        std::string name = "tavren-it-" + purpose + "-" + broker().name() + "_" + version() + "-" +
+                           kelvra::utility::generateUuid().substr(0, 8);
+        for (char& c : name) {
+            if (c == '.') c = '_';
+        }
+        return name;
+    }
+
+    Watchdog watchdog;
+};
+
+} // namespace test
+} // namespace tavren
+
+#endif

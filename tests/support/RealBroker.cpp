@@ -1,0 +1,84 @@
+#include "support/RealBroker.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#ifndef TAVREN_SOURCE_DIR
+#error "TAVREN_SOURCE_DIR must name the source tree, whose scripts/ start the brokers"
+#endif
+
+namespace tavren {
+namespace test {
+
+namespace {
+
+int portFrom(const char* variable, int fallback) {
+    const char* value = std::getenv(variable);
+    return value && *value ? std::atoi(value) : fallback;
+}
+
+} // namespace
+
+RealBroker::RealBroker(std::string name, std::string script, const char* portVariable, int defaultPort)
+    : brokerName(std::move(name)),
+      script(std::string(TAVREN_SOURCE_DIR) + "/scripts/" + script),
+      stompPort(portFrom(portVariable, defaultPort)) {}
+
+RealBroker RealBroker::rabbitmq() { return RealBroker("RabbitMQ", "rabbitmq.sh", "TAVREN_RABBITMQ_PORT", 61623); }
+
+RealBroker RealBroker::activemq() { return RealBroker("ActiveMQ", "activemq.sh", "TAVREN_ACTIVEMQ_PORT", 61633); }
+
+bool RealBroker::answers() const {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) return false;
+    timeval limit{3, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(stompPort));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool connected = false;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        static const char frame[] = "CONNECT\naccept-version:1.2\nhost:/\nlogin:guest\npasscode:guest\n\n";
+        static const char disconnect[] = "DISCONNECT\n\n";
+        if (send(fd, frame, sizeof frame, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof frame)) {
+            char reply[10] = {0};
+            size_t got = 0;
+            while (got < 9) {
+                const ssize_t n = recv(fd, reply + got, 9 - got, 0);
+                if (n <= 0) break;
+                got += static_cast<size_t>(n);
+            }
+            connected = got == 9 && std::memcmp(reply, "CONNECTED", 9) == 0;
+            send(fd, disconnect, sizeof disconnect, MSG_NOSIGNAL);
+        }
+    }
+    close(fd);
+    return connected;
+}
+
+bool RealBroker::run(const char* action) const {
+    const std::string command = "bash '" + script + "' " + action + " >&2";
+    return std::system(command.c_str()) == 0;
+}
+
+bool RealBroker::start() const { return run("start"); }
+
+bool RealBroker::stop() const { return run("stop"); }
+
+std::string RealBroker::howToStart() const {
+    return brokerName + " does not answer STOMP on 127.0.0.1:" + std::to_string(stompPort) + "; start it with `bash " +
+           script + " start` (scripts/test.sh starts both brokers for the integration tests)";
+}
+
+} // namespace test
+} // namespace tavren

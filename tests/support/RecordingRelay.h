@@ -1,0 +1,53 @@
+#ifndef TAVREN_TEST_RECORDINGRELAY_H
+#define TAVREN_TEST_RECORDINGRELAY_H
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tavren {
+namespace test {
+
+/**
+ * A TCP relay on an ephemeral 127.0.0.1 port in front of a real broker: it
+ * passes every byte both ways unchanged and keeps a copy of what the broker
+ * sent, so a test can see the order in which frames crossed the wire (the
+ * client hands each message to its listener on a thread of its own, so the
+ * order of the listener's calls is not the order of the wire).
+ */
+class RecordingRelay {
+public:
+    explicit RecordingRelay(int brokerPort);
+    ~RecordingRelay();
+    RecordingRelay(const RecordingRelay&) = delete;
+    RecordingRelay& operator=(const RecordingRelay&) = delete;
+
+    int port() const { return listenPort; }
+
+    /** Every byte the broker has sent so far, over all connections. */
+    std::string fromBroker();
+
+    /** The values of header name in the order they crossed, as "\nname:value" lines. */
+    std::vector<std::string> headerValuesFromBroker(const std::string& name);
+
+private:
+    void acceptLoop();
+    void pump(int client, int broker);
+
+    const int brokerPort;
+    int listener = -1;
+    int listenPort = 0;
+    int stopPipe[2] = {-1, -1};
+    std::atomic<bool> stopping{false};
+    std::mutex mutex;
+    std::string recorded;
+    std::vector<std::thread> pumps;
+    std::thread acceptor;
+};
+
+} // namespace test
+} // namespace tavren
+
+#endif
