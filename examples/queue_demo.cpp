@@ -105,6 +105,10 @@ int main(int argc, char** argv) {
 
     const bool all = waitFor([&] { return listener.count() >= count; }, 15);
     std::printf("%d of %d messages received\n", listener.count(), count);
+    // The library acknowledges each message just after its listener returned;
+    // a moment's wait lets the last ACK reach the broker before the
+    // unsubscription, or the broker would hand that message out again.
+    usleep(300 * 1000);
 
     client->stopListeningOnQueue(queue);
     client->closeConnection();

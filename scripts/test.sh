@@ -1,13 +1,24 @@
 #!/usr/bin/env bash
 # Runs the whole test suite: a plain build, then the same tests built with
-# AddressSanitizer+UndefinedBehaviorSanitizer and with ThreadSanitizer.
+# AddressSanitizer+UndefinedBehaviorSanitizer and with ThreadSanitizer. The
+# integration tests (label "integration") talk to RabbitMQ and ActiveMQ on
+# loopback: this script installs both, starts each once for the whole run and
+# stops them at the end (one that already ran is left running).
 #   scripts/test.sh            all three
 #   scripts/test.sh plain      only the plain build (also: asan, tsan)
+#   TAVREN_SKIP_INTEGRATION=1 scripts/test.sh   without brokers and their tests
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 if [ $# -gt 0 ]; then flavours=("$@"); else flavours=(plain asan tsan); fi
 
 "$root/scripts/install-deps.sh"
+ctest_filter=()
+if [ "${TAVREN_SKIP_INTEGRATION:-0}" = 1 ]; then
+  ctest_filter=(-LE integration)
+else
+  source "$root/scripts/brokers/for-tests.sh"
+  start_brokers rabbitmq activemq
+fi
 
 status=0
 for flavour in "${flavours[@]}"; do
@@ -25,6 +36,6 @@ for flavour in "${flavours[@]}"; do
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
   export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-  (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout 120) || status=1
+  (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout 120 "${ctest_filter[@]}") || status=1
 done
 exit $status

@@ -1,0 +1,148 @@
+// A refused login and a broker that stops and starts again, against real
+// brokers, once for each broker and protocol version.
+
+#include "support/BrokerFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace tavren {
+namespace test {
+namespace {
+
+class BrokerFailures : public BrokerTest {};
+
+// What each broker says, in its ERROR frame's body, to a wrong passcode.
+std::string refusalBody(const RealBroker& broker) {
+    return broker.isActiveMQ() ? "User name [guest] or password is invalid." : "Access refused for user 'guest'\n";
+}
+
+TEST_P(BrokerFailures, WrongPasscodeIsRefusedLoggedAndRetried) {
+    CapturingLogger log;
+    auto client = newClient(log, "not-the-passcode");
+    client->openConnection(500, kelvra::utility::Version(version()));
+    EXPECT_FALSE(client->isConnected());
+
+    const std::string refusal = "The Broker replied with an error. Broker replied: \n" + refusalBody(broker());
+    ASSERT_TRUE(log.waitFor("ERROR: Reconnect failed with: " + refusal, 2, 10000));
+    const std::vector<std::string> lines = log.lines();
+    ASSERT_GE(lines.size(), 6u);
+    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 6),
+              (std::vector<std::string>{"INFO: Attempting to connect...",
+                                        "ERROR: Failed to connect on first try, " + refusal,
+                                        "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal,
+                                        "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal}));
+    EXPECT_FALSE(client->isConnected());
+}
+
+// Starts the broker again when a test leaves it stopped, so the tests after
+// it find it running.
+class BrokerRestarter {
+public:
+    explicit BrokerRestarter(const RealBroker& broker) : broker(broker) {}
+    ~BrokerRestarter() {
+        if (!broker.answers()) broker.start();
+    }
+
+private:
+    const RealBroker& broker;
+};
+
+std::vector<std::string> numbered(const std::string& prefix, int count) {
+    std::vector<std::string> result;
+    for (int i = 0; i < count; ++i) result.push_back(prefix + " " + std::to_string(i));
+    return result;
+}
+
+void sendAll(StompClient& client, const std::string& queue, const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) client.sendToQueue(queue, text.c_str(), nullptr);
+}
+
+std::vector<std::string> textsOf(RecordingListener& listener) {
+    std::vector<std::string> result;
+    for (const Received& r : listener.received()) result.push_back(r.text);
+    std::sort(result.begin(), result.end());
+    return result;
+}
+
+std::vector<std::string> sorted(std::vector<std::string> texts) {
+    std::sort(texts.begin(), texts.end());
+    return texts;
+}
+
+std::vector<std::string> joined(std::vector<std::string> a, const std::vector<std::string>& b,
+                                const std::vector<std::string>& c) {
+    a.insert(a.end(), b.begin(), b.end());
+    a.insert(a.end(), c.begin(), c.end());
+    return a;
+}
+
+TEST_P(BrokerFailures, ReconnectsAndSubscribesAgainByItselfAfterTheBrokerRestarts) {
+    BrokerRestarter restarter(broker());
+    RecordingListener first, second;
+    CapturingLogger log, producerLog;
+    auto client = newClient(log);
+    // A long period, so that the producer below nearly always sends before
+    // the client is back, and the broker keeps those messages for it.
+    ASSERT_TRUE(open(*client, 8000));
+    const std::string queueA = freshQueue("restart-a"), queueB = freshQueue("restart-b");
+    client->listenOnQueue(queueA, &first);
+    client->listenOnQueue(queueB, &second);
+
+    const std::vector<std::string> before = numbered("before", 2), kept = numbered("kept", 3),
+                                   after = numbered("after", 3);
+    sendAll(*client, queueA, before);
+    sendAll(*client, queueB, before);
+    ASSERT_TRUE(first.waitFinished(2, 10000));
+    ASSERT_TRUE(second.waitFinished(2, 10000));
+    usleep(500 * 1000); // the ACKs go out
+
+    ASSERT_TRUE(broker().stop());
+    ASSERT_TRUE(eventually([&] { return !client->isConnected(); }, 30000)) << "the client never noticed";
+    // The first attempt right after the loss fails, then the timer's.
+    ASSERT_TRUE(log.waitForPrefix("ERROR: Failed to connect on first try, ", 1, 30000));
+    ASSERT_TRUE(log.waitFor("INFO: Retrying connect...", 1, 30000));
+    ASSERT_TRUE(log.waitFor("ERROR: Reconnect failed with: The connection was refused.", 1, 30000));
+    EXPECT_EQ(log.count("INFO: Connected."), 1u);
+
+    ASSERT_TRUE(broker().start());
+    {
+        auto producer = newClient(producerLog);
+        ASSERT_TRUE(open(*producer));
+        const bool away = !client->isConnected();
+        sendAll(*producer, queueA, kept);
+        sendAll(*producer, queueB, kept);
+        producer->closeConnection();
+        const bool stillAway = !client->isConnected();
+        RecordProperty("kept_while_client_away", away && stillAway ? "yes" : "no");
+        std::printf("the %d kept messages were sent while the client was %s\n", 2 * static_cast<int>(kept.size()),
+                    away && stillAway ? "away" : "already back");
+    }
+
+    // Back by itself: connected, both listeners subscribed again, and the
+    // messages the broker kept are handed over once each.
+    ASSERT_TRUE(log.waitFor("INFO: Connected.", 2, 30000));
+    ASSERT_TRUE(eventually([&] { return client->isConnected(); }, 30000));
+    ASSERT_TRUE(first.waitEntered(5, 30000)) << "queue A got " << first.count();
+    ASSERT_TRUE(second.waitEntered(5, 30000)) << "queue B got " << second.count();
+
+    sendAll(*client, queueA, after);
+    sendAll(*client, queueB, after);
+    ASSERT_TRUE(first.waitEntered(8, 30000)) << "queue A got " << first.count();
+    ASSERT_TRUE(second.waitEntered(8, 30000)) << "queue B got " << second.count();
+    usleep(1000 * 1000); // nothing is handed twice
+    EXPECT_EQ(textsOf(first), sorted(joined(before, kept, after)));
+    EXPECT_EQ(textsOf(second), sorted(joined(before, kept, after)));
+    if (HasFailure()) {
+        for (const std::string& line : log.lines()) std::printf("log: %s\n", line.c_str());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(RealBrokers, BrokerFailures, ::testing::ValuesIn(everyBrokerAndVersion()), caseName);
+
+} // namespace
+} // namespace test
+} // namespace tavren
