@@ -72,7 +72,7 @@ start() {
       -Dactivemq.data="$dir/data" \
       -jar "$home/bin/activemq.jar" start "xbean:file:$dir/conf/activemq.xml" > "$logfile" 2>&1 &
   local pid=$!
-  echo "$pid" > "$pidfile"
+  write_pidfile "$pidfile" "$pid"
   log "started ActiveMQ (pid $pid), STOMP on 127.0.0.1:$stomp_port, files in $dir"
   wait_until_answers "$stomp_port" 90 "$pid" "$logfile"
 }

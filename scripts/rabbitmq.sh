@@ -67,11 +67,11 @@ start() {
     # epmd is started here rather than by the server, so that its pid is known
     # and "stop" can end it too.
     "${as_rabbitmq[@]}" epmd -address 127.0.0.1 -port "$epmd_port" > "$dir/log/epmd.log" 2>&1 &
-    echo $! > "$epmd_pidfile"
+    write_pidfile "$epmd_pidfile" $!
   fi
   "${as_rabbitmq[@]}" /usr/lib/rabbitmq/bin/rabbitmq-server > "$logfile" 2>&1 &
   local pid=$!
-  echo "$pid" > "$pidfile"
+  write_pidfile "$pidfile" "$pid"
   log "started RabbitMQ (pid $pid), STOMP on 127.0.0.1:$stomp_port, files in $dir"
   wait_until_answers "$stomp_port" 60 "$pid" "$logfile"
 }

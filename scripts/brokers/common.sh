@@ -23,12 +23,33 @@ stomp_answers() {
   [ "${reply%$'\r'}" = "CONNECTED" ]
 }
 
-# The pid in file $1 when that process still runs, nothing otherwise.
+# True while process $1 runs. A process that has ended but was not reaped yet
+# (a zombie: its parent, the shell that started it, is long gone) counts as
+# ended, or a stop would wait for it for ever.
+alive() {
+  local state
+  kill -0 "$1" 2>/dev/null || return 1
+  state=$(sed -E 's/^.*\) ([A-Za-z]).*$/\1/' "/proc/$1/stat" 2>/dev/null) || return 1
+  [ "$state" != Z ]
+}
+
+# When process $1 started, in clock ticks after boot (field 22 of its stat).
+started_at() {
+  sed -E 's/^.*\) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f20
+}
+
+# Writes pid $2 to file $1 with its start time, so that a pid the system has
+# given to another process since is never taken for the broker.
+write_pidfile() {
+  echo "$2 $(started_at "$2")" > "$1"
+}
+
+# The pid in file $1 when that very process still runs, nothing otherwise.
 running_pid() {
-  local pid
+  local pid start
   [ -s "$1" ] || return 1
-  pid=$(cat "$1")
-  kill -0 "$pid" 2>/dev/null && echo "$pid"
+  read -r pid start < "$1"
+  alive "$pid" && [ "$(started_at "$pid")" = "$start" ] && echo "$pid"
 }
 
 # Waits up to $2 seconds for the broker on port $1 to answer; $3 is the pid
@@ -37,7 +58,7 @@ running_pid() {
 wait_until_answers() {
   local port=$1 seconds=$2 pid=$3 logfile=$4 start=$SECONDS
   while ! stomp_answers "$port"; do
-    if ! kill -0 "$pid" 2>/dev/null; then
+    if ! alive "$pid"; then
       log "the broker (pid $pid) ended before it answered; the end of $logfile:"
       tail -n 30 "$logfile" >&2 || true
       return 1
@@ -62,13 +83,16 @@ stop_pidfile() {
   fi
   kill -TERM "$pid" 2>/dev/null || true
   for _ in $(seq $((grace * 10))); do
-    kill -0 "$pid" 2>/dev/null || break
+    alive "$pid" || break
     sleep 0.1
   done
-  if kill -0 "$pid" 2>/dev/null; then
+  if alive "$pid"; then
     log "pid $pid still runs after ${grace}s; killing it"
     kill -KILL "$pid" 2>/dev/null || true
-    while kill -0 "$pid" 2>/dev/null; do sleep 0.1; done
+    for _ in $(seq 50); do
+      alive "$pid" || break
+      sleep 0.1
+    done
   fi
   rm -f "$file"
 }
