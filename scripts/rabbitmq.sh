@@ -53,6 +53,8 @@ server_env() {
   export RABBITMQ_LOG_BASE=$dir/log
   export RABBITMQ_PID_FILE=$dir/server.pid
   export RABBITMQ_LOGS=-
+  # The Erlang distribution listens on every interface unless told otherwise.
+  export RABBITMQ_SERVER_ADDITIONAL_ERL_ARGS="-kernel inet_dist_use_interface {127,0,0,1}"
 }
 
 start() {
