@@ -82,14 +82,4 @@ stop() {
   log "stopped"
 }
 
-case ${1:-} in
-  start) start ;;
-  stop) stop ;;
-  status)
-    if pid=$(running_pid "$pidfile") && stomp_answers "$stomp_port"; then
-      echo "running (pid $pid), STOMP on 127.0.0.1:$stomp_port"
-    else
-      echo "not running"; exit 3
-    fi ;;
-  *) echo "usage: $0 start|stop|status" >&2; exit 2 ;;
-esac
+broker_command "$@"

@@ -96,3 +96,20 @@ stop_pidfile() {
   fi
   rm -f "$file"
 }
+
+# The command line of a broker script: "start" and "stop" call the script's
+# own start and stop functions; "status" reads its $pidfile and $stomp_port.
+broker_command() {
+  case ${1:-} in
+    start) start ;;
+    stop) stop ;;
+    status)
+      local pid
+      if pid=$(running_pid "$pidfile") && stomp_answers "$stomp_port"; then
+        echo "running (pid $pid), STOMP on 127.0.0.1:$stomp_port"
+      else
+        echo "not running"; exit 3
+      fi ;;
+    *) echo "usage: $0 start|stop|status" >&2; exit 2 ;;
+  esac
+}
