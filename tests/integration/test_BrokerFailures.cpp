@@ -61,22 +61,12 @@ void sendAll(StompClient& client, const std::string& queue, const std::vector<st
     for (const std::string& text : texts) client.sendToQueue(queue, text.c_str(), nullptr);
 }
 
-std::vector<std::string> textsOf(RecordingListener& listener) {
-    std::vector<std::string> result;
-    for (const Received& r : listener.received()) result.push_back(r.text);
-    std::sort(result.begin(), result.end());
-    return result;
-}
-
-std::vector<std::string> sorted(std::vector<std::string> texts) {
-    std::sort(texts.begin(), texts.end());
-    return texts;
-}
-
-std::vector<std::string> joined(std::vector<std::string> a, const std::vector<std::string>& b,
-                                const std::vector<std::string>& c) {
+/** a, b and c in one list, sorted. */
+std::vector<std::string> allSorted(std::vector<std::string> a, const std::vector<std::string>& b,
+                                     const std::vector<std::string>& c) {
     a.insert(a.end(), b.begin(), b.end());
     a.insert(a.end(), c.begin(), c.end());
+    std::sort(a.begin(), a.end());
     return a;
 }
 
@@ -134,13 +124,13 @@ TEST_P(BrokerFailures, ReconnectsAndSubscribesAgainByItselfAfterTheBrokerRestart
     ASSERT_TRUE(first.waitEntered(8, 30000)) << "queue A got " << first.count();
     ASSERT_TRUE(second.waitEntered(8, 30000)) << "queue B got " << second.count();
     usleep(1000 * 1000); // nothing is handed twice
-    const std::vector<std::string> expected = sorted(joined(before, kept, after));
+    const std::vector<std::string> expected = allSorted(before, kept, after);
     if (ackAccepted(GetParam())) {
-        EXPECT_EQ(textsOf(first), expected);
-        EXPECT_EQ(textsOf(second), expected);
+        EXPECT_EQ(texts(first.received()), expected);
+        EXPECT_EQ(texts(second.received()), expected);
     } else {
-        EXPECT_EQ(distinct(textsOf(first)), expected);
-        EXPECT_EQ(distinct(textsOf(second)), expected);
+        EXPECT_EQ(distinct(texts(first.received())), expected);
+        EXPECT_EQ(distinct(texts(second.received())), expected);
     }
     if (HasFailure()) {
         for (const std::string& line : log.lines()) std::printf("log: %s\n", line.c_str());

@@ -46,12 +46,6 @@ NackOutcome nackOutcome(const BrokerVersion& c) {
 
 const char* const kAckRefusal = "ACK received without a ack id for acknowledge!";
 
-std::vector<std::string> texts(const std::vector<Received>& received) {
-    std::vector<std::string> result;
-    for (const Received& r : received) result.push_back(r.text);
-    std::sort(result.begin(), result.end());
-    return result;
-}
 
 TEST_P(BrokerMessaging, EveryMessageArrivesInOrderWithBodyAndHeadersIntact) {
     RecordingRelay relay(broker().port());

@@ -43,14 +43,15 @@ inline std::vector<BrokerVersion> everyBrokerAndVersion() {
     return cases;
 }
 
-/** "RabbitMQ_1_2": the case's part of a test's name. */
-inline std::string caseName(const ::testing::TestParamInfo<BrokerVersion>& info) {
-    std::string name = info.param.broker.name() + "_" + info.param.version;
-    for (char& c : name) {
-        if (c == '.') c = '_';
-    }
+/** "RabbitMQ_1_2": the broker and version as a name part without dots. */
+inline std::string caseLabel(const BrokerVersion& c) {
+    std::string name = c.broker.name() + "_" + c.version;
+    std::replace(name.begin(), name.end(), '.', '_');
     return name;
 }
+
+/** The case's part of a test's name. */
+inline std::string caseName(const ::testing::TestParamInfo<BrokerVersion>& info) { return caseLabel(info.param); }
 
 /**
  * Whether the broker accepts the library's ACK frames on this version.
@@ -60,6 +61,14 @@ inline std::string caseName(const ::testing::TestParamInfo<BrokerVersion>& info)
  * case check that every message arrives, not that it arrives once.
  */
 inline bool ackAccepted(const BrokerVersion& c) { return !(c.broker.isActiveMQ() && c.version == "1.2"); }
+
+/** The texts of the messages received, sorted. */
+inline std::vector<std::string> texts(const std::vector<Received>& received) {
+    std::vector<std::string> result;
+    for (const Received& r : received) result.push_back(r.text);
+    std::sort(result.begin(), result.end());
+    return result;
+}
 
 /** texts sorted, each once. */
 inline std::vector<std::string> distinct(std::vector<std::string> texts) {
@@ -116,12 +125,7 @@ protected:
 
     /** A queue name no other test or run uses: "tavren-it-PURPOSE-RabbitMQ_1_2-1a2b3c4d". */
     std::string freshQueue(const std::string& purpose) const {
-        std::string name = "tavren-it-" + purpose + "-" + broker().name() + "_" + version() + "-" +
-                           kelvra::utility::generateUuid().substr(0, 8);
-        for (char& c : name) {
-            if (c == '.') c = '_';
-        }
-        return name;
+        return "tavren-it-" + purpose + "-" + caseLabel(GetParam()) + "-" + kelvra::utility::generateUuid().substr(0, 8);
     }
 
     Watchdog watchdog;
