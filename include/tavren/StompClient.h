@@ -7,6 +7,7 @@
 #include <tavren/Listener.h>
 #include <tavren/Logger.h>
 
+#include <cstddef>
 #include <string>
 #include <utility>
 
@@ -90,6 +91,25 @@ public:
 
     /** True while a session with the broker stands. */
     bool isConnected() const;
+
+    /**
+     * At most count listener calls run at once (default 16; values below 1
+     * count as 1). Every message still gets a worker thread of its own; once
+     * count workers are busy, the client reads nothing more from the broker
+     * until one of them returns, so the broker's frames wait in the socket
+     * and TCP holds the broker back. A receipt for listenOnQueue or
+     * stopListeningOnQueue waits behind them too. Takes effect for the next
+     * message; may be called at any time.
+     */
+    void setMaxWorkers(int count);
+
+    /**
+     * The stack size, in bytes, of each worker thread that runs onMessage
+     * (default 256 KiB; raised to the system's minimum when smaller). A
+     * listener that needs a deeper stack sets a larger one. Takes effect for
+     * the next message; may be called at any time.
+     */
+    void setWorkerStackSize(size_t bytes);
 
 private:
     kelvra::UniquePtr<tavren::internal::StompClientImpl> impl;

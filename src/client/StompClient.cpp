@@ -53,4 +53,8 @@ void StompClient::closeConnection() { impl->closeConnection(); }
 
 bool StompClient::isConnected() const { return impl->isConnected(); }
 
+void StompClient::setMaxWorkers(int count) { impl->setMaxWorkers(count); }
+
+void StompClient::setWorkerStackSize(size_t bytes) { impl->setWorkerStackSize(bytes); }
+
 } // namespace tavren

@@ -1,5 +1,6 @@
 #include "client/StompClientImpl.h"
 
+#include "client/Defaults.h"
 #include "frames/DisconnectFrame.h"
 #include "frames/SendFrame.h"
 
@@ -30,7 +31,9 @@ StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
       listenGeneration(0),
       destroying(false),
       retriesInside(0),
-      runningListenThreads(0) {
+      runningListenThreads(0),
+      maxWorkers(kDefaultMaxWorkers),
+      workerStackSize(kDefaultWorkerStackSize) {
     pthread_mutex_init(&threadsMutex, nullptr);
     connection.reset(new StompConnection());
     session.clean();
@@ -269,6 +272,10 @@ void StompClientImpl::closeConnection() {
         connection->disconnect();
     }
 }
+
+void StompClientImpl::setMaxWorkers(int count) { maxWorkers = count < 1 ? 1 : count; }
+
+void StompClientImpl::setWorkerStackSize(size_t bytes) { workerStackSize = bytes; }
 
 void StompClientImpl::logInfo(const std::string& message) { logger->safe_log_info(message); }
 

@@ -75,6 +75,10 @@ public:
     void pauseAllListeners();
     void resumeAllListeners();
 
+    /** The bound on running workers and their stack size; read by the listen thread for each message. */
+    void setMaxWorkers(int count);
+    void setWorkerStackSize(size_t bytes);
+
     void logInfo(const std::string& message);
     void logError(const std::string& message);
 
@@ -136,6 +140,8 @@ private:
     pthread_mutex_t threadsMutex;
     int runningListenThreads;
     kelvra::threads::CondVar threadsEnded;
+    std::atomic<int> maxWorkers;
+    std::atomic<size_t> workerStackSize;
 };
 
 } // namespace internal
