@@ -10,5 +10,6 @@
 #include <tavren/Message.h>
 #include <tavren/StompClient.h>
 #include <tavren/SystemException.h>
+#include <tavren/Version.h>
 
 #endif

@@ -1,0 +1,42 @@
+# SPDX-License-Identifier: Apache-2.0
+# What an application needs to find an installed libtavren: a CMake package
+# (find_package(tavren CONFIG) gives tavren::tavren) and a pkg-config file.
+# Both belong to the "dev" component; src/CMakeLists.txt installs the library
+# and the headers.
+include(CMakePackageConfigHelpers)
+
+set(TAVREN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tavren)
+
+install(EXPORT tavrenTargets
+  NAMESPACE tavren::
+  DESTINATION ${TAVREN_CMAKE_DIR}
+  COMPONENT dev)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tavrenConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/tavrenConfig.cmake
+  INSTALL_DESTINATION ${TAVREN_CMAKE_DIR})
+# One SONAME per major version: any 1.x satisfies a request for 1.y, y <= x.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/tavrenConfigVersion.cmake
+  VERSION ${PROJECT_VERSION}
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/tavrenConfig.cmake
+    ${PROJECT_BINARY_DIR}/tavrenConfigVersion.cmake
+  DESTINATION ${TAVREN_CMAKE_DIR}
+  COMPONENT dev)
+
+# The .pc file names its directories relative to ${prefix}, unless GNUInstallDirs
+# gave absolute ones.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(TAVREN_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+else()
+  set(TAVREN_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(TAVREN_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+else()
+  set(TAVREN_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
+configure_file(${CMAKE_CURRENT_LIST_DIR}/tavren.pc.in ${PROJECT_BINARY_DIR}/tavren.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tavren.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT dev)

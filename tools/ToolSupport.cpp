@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ToolSupport.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace tavren_tools {
+
+namespace {
+
+// Retry period while the tool waits for its first connection, and for the
+// library's reconnects afterwards (milliseconds). Short, because an operator
+// waits at the terminal and the connect time-out bounds the whole wait.
+const int kReconnectPeriodMs = 500;
+
+// The library logs a broker's RECEIPT or ERROR that no call of its own waits
+// for as one error line that holds the frame's headers; a SEND's receipt is
+// one of those.
+const char* const kStrayResultLead = "We received a result frame";
+const char* const kFirstTryLead = "Failed to connect on first try, ";
+const char* const kRetryLead = "Reconnect failed with: ";
+
+bool startsWith(const std::string& text, const std::string& lead) { return text.compare(0, lead.size(), lead) == 0; }
+
+// The value of header name in a logged frame dump ("name:value" lines), or "".
+std::string headerInDump(const std::string& dump, const std::string& name) {
+    const std::string key = "\n" + name + ":";
+    const size_t at = dump.find(key);
+    if (at == std::string::npos) return "";
+    const size_t from = at + key.size();
+    return dump.substr(from, dump.find('\n', from) - from);
+}
+
+} // namespace
+
+std::vector<struct option> withCommonOptions(std::vector<struct option> own) {
+    const struct option common[] = {
+        {"host", required_argument, nullptr, kOptHost},
+        {"port", required_argument, nullptr, kOptPort},
+        {"login", required_argument, nullptr, kOptLogin},
+        {"passcode", required_argument, nullptr, kOptPasscode},
+        {"protocol", required_argument, nullptr, kOptProtocol},
+        {"heart-beat", required_argument, nullptr, kOptHeartbeat},
+        {"connect-timeout", required_argument, nullptr, kOptConnectTimeout},
+        {"verbose", no_argument, nullptr, kOptVerbose},
+        {"help", no_argument, nullptr, kOptHelp},
+    };
+    for (const struct option& o : common) own.push_back(o);
+    own.push_back({nullptr, 0, nullptr, 0});
+    return own;
+}
+
+const char* commonOptionsHelp() {
+    return "Connection:\n"
+           "      --host HOST              broker host (default 127.0.0.1)\n"
+           "      --port PORT              broker STOMP port (default 61613)\n"
+           "      --login LOGIN            login sent in CONNECT\n"
+           "      --passcode PASSCODE      passcode sent in CONNECT\n"
+           "      --protocol VERSION       STOMP version to offer: 1.0, 1.1 or 1.2 (default 1.2)\n"
+           "      --heart-beat CX,CY       heart-beat header of CONNECT, in ms (default 0,0)\n"
+           "      --connect-timeout SECS   give up when not connected after SECS (default 5)\n"
+           "  -v, --verbose                print the library's log on standard error\n"
+           "  -h, --help                   print this help and exit\n";
+}
+
+long parseInteger(const char* text, const char* what, long min, long max) {
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text, &end, 10);
+    if (*text == '\0' || *end != '\0' || errno != 0 || value < min || value > max) {
+        throw UsageError(std::string(what) + " must be a whole number from " + std::to_string(min) + " to " +
+                         std::to_string(max) + ", not '" + text + "'");
+    }
+    return value;
+}
+
+double parseSeconds(const char* text, const char* what) {
+    char* end = nullptr;
+    errno = 0;
+    const double value = std::strtod(text, &end);
+    if (*text == '\0' || *end != '\0' || errno != 0 || !(value > 0) || value > 86400.0 * 365) {
+        throw UsageError(std::string(what) + " must be a number of seconds above 0, not '" + text + "'");
+    }
+    return value;
+}
+
+bool applyCommonOption(int id, const char* value, ConnectionOptions* options) {
+    switch (id) {
+    case kOptHost:
+        if (*value == '\0') throw UsageError("--host must not be empty");
+        options->host = value;
+        return true;
+    case kOptPort:
+        options->port = static_cast<int>(parseInteger(value, "--port", 1, 65535));
+        return true;
+    case kOptLogin:
+        options->login = value;
+        options->credentials = true;
+        return true;
+    case kOptPasscode:
+        options->passcode = value;
+        options->credentials = true;
+        return true;
+    case kOptProtocol: {
+        const std::string v = value;
+        if (v != "1.0" && v != "1.1" && v != "1.2") throw UsageError("--protocol must be 1.0, 1.1 or 1.2, not '" + v + "'");
+        options->protocol = v;
+        return true;
+    }
+    case kOptHeartbeat: {
+        const std::string v = value;
+        const size_t comma = v.find(',');
+        if (comma == std::string::npos) throw UsageError("--heart-beat must be CX,CY (milliseconds), not '" + v + "'");
+        const std::string cx = v.substr(0, comma);
+        const std::string cy = v.substr(comma + 1);
+        parseInteger(cx.c_str(), "--heart-beat CX", 0, 86400000);
+        parseInteger(cy.c_str(), "--heart-beat CY", 0, 86400000);
+        options->heartbeat = {cx, cy};
+        return true;
+    }
+    case kOptConnectTimeout:
+        options->connectTimeout = parseSeconds(value, "--connect-timeout");
+        return true;
+    case kOptVerbose:
+        options->verbose = true;
+        return true;
+    default:
+        return false;
+    }
+}
+
+std::string bareQueueName(const std::string& queue) {
+    const std::string prefix = "/queue/";
+    return startsWith(queue, prefix) ? queue.substr(prefix.size()) : queue;
+}
+
+ToolLogger::ToolLogger(std::string tool, bool verbose) : tool(std::move(tool)), verbose(verbose) {}
+
+void ToolLogger::logInfo(const std::string& message) {
+    if (verbose) std::fprintf(stderr, "[tavren] %s\n", message.c_str());
+    note(message);
+}
+
+void ToolLogger::logError(const std::string& message) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!receiptId.empty() && startsWith(message, kStrayResultLead) &&
+        headerInDump(message, "receipt-id") == receiptId) {
+        // Our own receipt: an ERROR carries a "message" header, a RECEIPT does not.
+        const std::string refusal = headerInDump(message, "message");
+        receipt = refusal.empty() ? Receipt::Confirmed : Receipt::Refused;
+        receiptDetail = refusal;
+        const std::string id = receiptId;
+        lock.unlock();
+        changed.notify_all();
+        // The library's dump of the frame is long; the operator needs only the outcome.
+        if (verbose && refusal.empty()) std::fprintf(stderr, "[tavren] RECEIPT %s\n", id.c_str());
+        if (verbose && !refusal.empty())
+            std::fprintf(stderr, "[tavren] ERROR for %s: %s\n", id.c_str(), refusal.c_str());
+        return;
+    }
+    lock.unlock();
+    if (verbose) std::fprintf(stderr, "[tavren] ERROR %s\n", message.c_str());
+    note(message);
+    std::lock_guard<std::mutex> relock(mutex);
+    last = message;
+    if (startsWith(last, kFirstTryLead)) last.erase(0, std::string(kFirstTryLead).size());
+    if (startsWith(last, kRetryLead)) last.erase(0, std::string(kRetryLead).size());
+    if (message == "Disconnected!") ++lost;
+    changed.notify_all();
+}
+
+void ToolLogger::note(const std::string& line) {
+    std::lock_guard<std::mutex> lock(mutex);
+    lines.push_back(line);
+}
+
+std::string ToolLogger::lastError() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return last;
+}
+
+bool ToolLogger::sawLineStartingWith(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const std::string& line : lines)
+        if (startsWith(line, text)) return true;
+    return false;
+}
+
+int ToolLogger::disconnections() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return lost;
+}
+
+void ToolLogger::expectReceipt(const std::string& id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    receiptId = id;
+    receipt = Receipt::Waiting;
+    receiptDetail.clear();
+}
+
+ToolLogger::Receipt ToolLogger::waitForReceipt(double seconds, std::string* detail) {
+    std::unique_lock<std::mutex> lock(mutex);
+    const int lostBefore = lost;
+    changed.wait_for(lock, std::chrono::duration<double>(seconds),
+                     [&] { return receipt != Receipt::Waiting || lost != lostBefore; });
+    if (detail) *detail = receiptDetail;
+    return receipt;
+}
+
+std::unique_ptr<tavren::StompClient> connectOrGiveUp(const ConnectionOptions& options, ToolLogger& logger,
+                                                     const char* tool) {
+    std::pair<std::string, std::string> heartbeat = options.heartbeat;
+    std::unique_ptr<tavren::StompClient> client(
+        options.credentials ? new tavren::StompClient(options.host, options.port, options.login, options.passcode,
+                                                      &logger, &heartbeat)
+                            : new tavren::StompClient(options.host, options.port, &logger, &heartbeat));
+    try {
+        client->openConnection(kReconnectPeriodMs, kelvra::utility::Version(options.protocol));
+    } catch (std::exception& e) {
+        // A CONNECTED frame without the headers the library needs.
+        std::fprintf(stderr, "%s: cannot connect to %s:%d: %s\n", tool, options.host.c_str(), options.port,
+                     e.what());
+        return nullptr;
+    }
+    if (!waitUntil([&] { return client->isConnected(); }, options.connectTimeout)) {
+        std::string why = logger.lastError();
+        if (why.empty()) why = "no answer";
+        std::fprintf(stderr, "%s: cannot connect to %s:%d within %g s: %s\n", tool, options.host.c_str(),
+                     options.port, options.connectTimeout, why.c_str());
+        return nullptr;
+    }
+    return client;
+}
+
+} // namespace tavren_tools
