@@ -52,12 +52,15 @@ public:
         // the worker then owns the record and deletes it when it has finished,
         // so it never touches freed memory.
         bool abandoned;
+        // An eventfd of the listen thread (or -1): the worker writes to it once
+        // done, so the listen thread wakes at once to join it and acknowledge.
+        int wakeFd;
     };
 
     /**
      * The worker thread's body: calls onMessage with a view of the record's
-     * frame, marks the record done and exits with a heap int holding the
-     * listener's answer.
+     * frame, marks the record done, wakes the listen thread and returns a
+     * heap int holding the listener's answer (the thread's exit value).
      */
     static void* listener_worker_func(void* data);
 

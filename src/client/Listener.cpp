@@ -3,6 +3,9 @@
 #include "frames/ServerFrame.h"
 
 #include <cxxabi.h>
+#include <unistd.h>
+
+#include <cstdint>
 
 namespace tavren {
 
@@ -11,7 +14,7 @@ Listener::Listener() {}
 Listener::~Listener() {}
 
 Listener::WorkerData::WorkerData()
-    : listener(nullptr), thread(nullptr), mutex(nullptr), done(false), abandoned(false) {
+    : listener(nullptr), thread(nullptr), mutex(nullptr), done(false), abandoned(false), wakeFd(-1) {
     thread = new pthread_t;
     mutex = new pthread_mutex_t;
     pthread_mutex_init(mutex, nullptr);
@@ -46,15 +49,25 @@ void* Listener::listener_worker_func(void* arg) {
     pthread_mutex_lock(data->mutex);
     data->done = true;
     const bool abandoned = data->abandoned;
+    const int wakeFd = data->wakeFd;
     pthread_mutex_unlock(data->mutex);
     if (abandoned) {
         // The listen thread has given up on this worker (and detached it):
         // the record is ours now, and nobody will read the answer.
         delete data;
         delete result;
-        result = nullptr;
+        return nullptr;
     }
-    pthread_exit(result);
+    // Not abandoned: the listen thread joins this thread before it closes the
+    // descriptor, so it is still open here.
+    if (wakeFd >= 0) {
+        const uint64_t one = 1;
+        ssize_t ignored = ::write(wakeFd, &one, sizeof one);
+        (void)ignored; // a full counter already wakes the listen thread
+    }
+    // A plain return gives the joiner the same exit value as pthread_exit,
+    // without the forced unwind.
+    return result;
 }
 
 } // namespace tavren

@@ -5,11 +5,18 @@
 
 #include "client/StompClientImpl.h"
 
+#include "client/Defaults.h"
 #include "frames/AckFrame.h"
 #include "transport/AprException.h"
+#include "transport/SocketIo.h"
 
+#include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <limits.h>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,12 +25,12 @@ namespace internal {
 
 namespace {
 
-// The pause of an idle pass, and the grace given to a running worker when
-// the connection ends, in microseconds.
-const useconds_t kIdleSleepUs = 20000;
-
 // The status of a non-blocking read that found no complete frame yet.
 const apr_status_t kNothingToRead = 11;
+
+// Frames read in one hold of the engine lock at most, so that senders and
+// subscribers get the lock between batches.
+const int kFramesPerPass = 64;
 
 std::string headerOrEmpty(const ServerFrame& frame, const char* name) {
     auto it = frame.headers().find(name);
@@ -32,10 +39,18 @@ std::string headerOrEmpty(const ServerFrame& frame, const char* name) {
 
 } // namespace
 
-/** The state of one listen thread, and its steps. */
+/**
+ * The state of one listen thread, and its steps. One cycle: wait until the
+ * socket has something or a worker has finished (at most kListenWaitMs, so
+ * the run flag is seen in time); read and dispatch under the engine lock;
+ * join the finished workers and write their ACK or NACK.
+ */
 class StompClientImpl::ListenLoop {
 public:
-    ListenLoop(StompClientImpl* e) : engine(e), generation(e->listenGeneration), locked(false), connectionLost(false) {}
+    explicit ListenLoop(StompClientImpl* e);
+    ~ListenLoop();
+    ListenLoop(const ListenLoop&) = delete;
+    ListenLoop& operator=(const ListenLoop&) = delete;
 
     void run();
 
@@ -54,23 +69,49 @@ private:
         locked = false;
     }
 
+    void waitForWork();
+    void readAndDispatch();
+    bool full() const { return waiting || static_cast<int>(workers.size()) >= engine->maxWorkers; }
     void dispatch(ServerFrame* frame);
     void dispatchMessage(ServerFrame* frame);
+    bool startWorker(Listener::WorkerData* data);
     tavren::Listener* listenerFor(const std::string& destination) const;
     void deliverResult(ServerFrame* frame);
-    bool reapFinished();
+    void reapFinished();
     void resolve();
+    bool awaitDone(Listener::WorkerData* data, unsigned graceUs);
     void join(Worker& worker);
     apr_status_t acknowledge(const Worker& worker);
     void release(Worker& worker);
+    void drainWakeUps();
 
     StompClientImpl* engine;
     const unsigned generation; // the connection this thread serves
     bool locked;               // this thread holds the engine lock
     bool connectionLost;       // no ACK or NACK can be sent any more
+    int wakeFd;                // written by each worker when it is done; -1 if none could be made
+    pthread_attr_t workerAttributes;
+    size_t workerStack;        // the stack size workerAttributes carries
     std::vector<Worker> workers;
+    std::vector<size_t> finished; // scratch for reaping: indexes into workers
+    // A message whose worker could not be started yet; nothing more is read
+    // until it has one.
+    Listener::WorkerData* waiting;
     std::string lastMatchedId; // the receipt id this thread matched most recently
 };
+
+StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
+    : engine(e), generation(e->listenGeneration), locked(false), connectionLost(false),
+      wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), workerStack(0), waiting(nullptr) {
+    pthread_attr_init(&workerAttributes);
+}
+
+StompClientImpl::ListenLoop::~ListenLoop() {
+    // Every worker has been joined or abandoned by now, and an abandoned one
+    // does not write to the descriptor.
+    if (wakeFd >= 0) ::close(wakeFd);
+    pthread_attr_destroy(&workerAttributes);
+}
 
 void* StompClientImpl::listen_thread_worker(void* arg) {
     StompClientImpl* engine = static_cast<StompClientImpl*>(arg);
@@ -86,6 +127,7 @@ void* StompClientImpl::listen_thread_worker(void* arg) {
 void StompClientImpl::ListenLoop::run() {
     for (;;) {
         try {
+            waitForWork();
             // When the engine stops this thread it holds the lock and waits
             // for the thread to end; the thread then settles its workers
             // without taking the lock, which its stopper holds for it.
@@ -95,16 +137,9 @@ void StompClientImpl::ListenLoop::run() {
                 unlockEngine();
                 return;
             }
-            ServerFrame* frame = nullptr;
-            const apr_status_t rc = engine->connection->read(&frame, false, nullptr);
-            if (rc != 0 && rc != kNothingToRead) throw AprException(rc);
-            if (rc == kNothingToRead) {
-                unlockEngine();
-                if (workers.empty() || !reapFinished()) usleep(kIdleSleepUs);
-                continue;
-            }
-            dispatch(frame);
+            readAndDispatch();
             unlockEngine();
+            reapFinished();
         } catch (AprException& e) {
             std::ostringstream line;
             line << "while trying to listen for messages. Error " << e.apr_reason() << ": " << e.what();
@@ -119,6 +154,35 @@ void StompClientImpl::ListenLoop::run() {
             engine->logError(std::string("while trying to listen for messages: ") + e.what());
             unlockEngine();
         }
+    }
+}
+
+void StompClientImpl::ListenLoop::waitForWork() {
+    if (stopRequested()) return;
+    // At the bound the socket is left alone: the broker's frames wait there,
+    // and TCP holds the broker back, until a worker finishes.
+    const bool watchSocket = !full();
+    int timeoutMs = kListenWaitMs;
+    // Without an eventfd, finished workers are looked for every millisecond.
+    if (wakeFd < 0 && !workers.empty()) timeoutMs = 1;
+    bool woken = false;
+    // A failure here (the connection went) shows again in the read below.
+    engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &woken);
+}
+
+void StompClientImpl::ListenLoop::readAndDispatch() {
+    // The engine lock is held.
+    for (int i = 0; i < kFramesPerPass; ++i) {
+        if (waiting) {
+            if (!startWorker(waiting)) return;
+            waiting = nullptr;
+        }
+        if (full()) return;
+        ServerFrame* frame = nullptr;
+        const apr_status_t rc = engine->connection->read(&frame, false, nullptr);
+        if (rc == kNothingToRead) return;
+        if (rc != 0) throw AprException(rc);
+        dispatch(frame);
     }
 }
 
@@ -147,13 +211,35 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
     Listener::WorkerData* data = new Listener::WorkerData();
     data->listener = listener;
     data->frame.reset(message.release());
-    if (pthread_create(data->thread, nullptr, &Listener::listener_worker_func, data) != 0) {
-        engine->logError("Could not start a worker for message " + headerOrEmpty(*data->frame, "message-id") +
-                         "; it is left unacknowledged.");
-        delete data;
-        return;
+    data->wakeFd = wakeFd;
+    if (!startWorker(data)) {
+        // The message keeps its place: nothing more is read until a worker
+        // can be started for it, on a later pass.
+        waiting = data;
+    }
+}
+
+bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
+    const size_t wanted = engine->workerStackSize;
+    if (wanted != workerStack) {
+        // Whole pages, and no less than the system allows.
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        const size_t least = static_cast<size_t>(PTHREAD_STACK_MIN);
+        size_t size = wanted < least ? least : wanted;
+        size = (size + page - 1) / page * page;
+        pthread_attr_setstacksize(&workerAttributes, size);
+        workerStack = wanted;
+    }
+    const int rc = pthread_create(data->thread, &workerAttributes, &Listener::listener_worker_func, data);
+    if (rc != 0) {
+        if (data != waiting) {
+            engine->logError("Could not start a worker for message " + headerOrEmpty(*data->frame, "message-id") +
+                             ": " + strerror(rc) + "; reading pauses until one can be started.");
+        }
+        return false;
     }
     workers.push_back(Worker{data, false, nullptr});
+    return true;
 }
 
 tavren::Listener* StompClientImpl::ListenLoop::listenerFor(const std::string& destination) const {
@@ -199,55 +285,104 @@ void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {
     slot->second->condition()->signal();
 }
 
-bool StompClientImpl::ListenLoop::reapFinished() {
-    // Runs without the engine lock. Lock order: a worker's mutex, then the engine's.
-    bool found = false;
-    for (size_t i = 0; i < workers.size();) {
-        Worker& worker = workers[i];
-        pthread_mutex_lock(worker.data->mutex);
-        if (!worker.data->done) {
-            pthread_mutex_unlock(worker.data->mutex);
-            ++i;
+void StompClientImpl::ListenLoop::drainWakeUps() {
+    if (wakeFd < 0) return;
+    uint64_t count;
+    while (::read(wakeFd, &count, sizeof count) > 0) {
+    }
+}
+
+void StompClientImpl::ListenLoop::reapFinished() {
+    // Runs without the engine lock. The wake-ups are emptied first: a worker
+    // that finishes after this is seen below or wakes the next wait.
+    drainWakeUps();
+    finished.clear();
+    for (size_t i = 0; i < workers.size(); ++i) {
+        Listener::WorkerData* data = workers[i].data;
+        pthread_mutex_lock(data->mutex);
+        const bool done = data->done;
+        pthread_mutex_unlock(data->mutex);
+        if (done) finished.push_back(i);
+    }
+    if (finished.empty()) return;
+    // A done worker touches its record no more; joining it at once lets the
+    // thread library hand its stack to the next worker.
+    for (size_t i : finished) join(workers[i]);
+    if (!lockEngine()) return; // the engine is stopping this thread; resolving acknowledges them
+
+    // Every ACK and NACK in one hold of the lock, in the order the messages came.
+    size_t acknowledged = 0;
+    apr_status_t rc = 0;
+    for (; acknowledged < finished.size(); ++acknowledged) {
+        rc = acknowledge(workers[finished[acknowledged]]);
+        if (rc != 0) break;
+    }
+    unlockEngine();
+    // The settled ones leave the list; one whose answer could not be written
+    // stays in it, and so do those behind it.
+    size_t next = 0, kept = 0;
+    for (size_t i = 0; i < workers.size(); ++i) {
+        if (next < acknowledged && finished[next] == i) {
+            release(workers[i]);
+            ++next;
+        } else {
+            workers[kept++] = workers[i];
+        }
+    }
+    workers.resize(kept);
+    if (rc != 0) throw AprException(rc);
+}
+
+bool StompClientImpl::ListenLoop::awaitDone(Listener::WorkerData* data, unsigned graceUs) {
+    // Waits for the worker's wake-up rather than sleeping the whole grace.
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        pthread_mutex_lock(data->mutex);
+        const bool done = data->done;
+        pthread_mutex_unlock(data->mutex);
+        if (done) return true;
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const long long passedUs = (now.tv_sec - start.tv_sec) * 1000000LL + (now.tv_nsec - start.tv_nsec) / 1000;
+        if (passedUs >= graceUs) break;
+        if (wakeFd < 0) {
+            usleep(graceUs - passedUs);
             continue;
         }
-        found = true;
-        if (!lockEngine()) {
-            // The engine is stopping this thread; resolving settles the worker.
-            pthread_mutex_unlock(worker.data->mutex);
-            return found;
-        }
-        join(worker);
-        const apr_status_t rc = acknowledge(worker);
-        unlockEngine();
-        pthread_mutex_unlock(worker.data->mutex);
-        if (rc != 0) throw AprException(rc); // the worker stays in the list
-        release(worker);
-        workers.erase(workers.begin() + i);
+        const int leftMs = static_cast<int>((graceUs - passedUs + 999) / 1000);
+        bool woken = false;
+        SocketIo::waitReadable(-1, wakeFd, leftMs, &woken);
+        drainWakeUps();
     }
-    return found;
+    // The grace is over: the worker is left to finish alone, unless it
+    // finishes right now.
+    pthread_mutex_lock(data->mutex);
+    if (data->done) {
+        pthread_mutex_unlock(data->mutex);
+        return true;
+    }
+    // The worker now owns its record and deletes it when done; its real
+    // handle is detached.
+    data->abandoned = true;
+    pthread_detach(*data->thread);
+    pthread_mutex_unlock(data->mutex);
+    return false;
 }
 
 void StompClientImpl::ListenLoop::resolve() {
     // The engine lock is held here, by this thread or for it by the thread
     // that stops it; so ACK and NACK go out under the lock already held.
     engine->logInfo("Resolving remaining message handlers...");
+    if (waiting) {
+        engine->logError("Could not start a worker for message " + headerOrEmpty(*waiting->frame, "message-id") +
+                         " before the connection ended; it is left unacknowledged.");
+        delete waiting;
+        waiting = nullptr;
+    }
     for (Worker& worker : workers) {
         Listener::WorkerData* data = worker.data;
-        pthread_mutex_lock(data->mutex);
-        if (!data->done) {
-            pthread_mutex_unlock(data->mutex);
-            usleep(kIdleSleepUs);
-            pthread_mutex_lock(data->mutex);
-        }
-        if (!data->done) {
-            // Left to finish alone, unacknowledged. The worker now owns its
-            // record and deletes it when done; its real handle is detached.
-            data->abandoned = true;
-            pthread_detach(*data->thread);
-            pthread_mutex_unlock(data->mutex);
-            continue;
-        }
-        pthread_mutex_unlock(data->mutex);
+        if (!worker.joined && !awaitDone(data, kWorkerGraceUs)) continue; // abandoned: the record is the worker's
         join(worker);
         const std::string id = headerOrEmpty(*data->frame, "message-id");
         const bool processed = worker.exitValue && *worker.exitValue == 0;

@@ -43,6 +43,25 @@ apr_status_t SocketIo::waitFor(int fd, short events, const Deadline& deadline) {
     }
 }
 
+apr_status_t SocketIo::waitReadable(int socketFd, int wakeFd, int timeoutMs, bool* woken) {
+    struct pollfd p[2];
+    nfds_t count = 0;
+    if (socketFd >= 0) p[count++] = {socketFd, POLLIN, 0};
+    const nfds_t wakeIndex = count;
+    if (wakeFd >= 0) p[count++] = {wakeFd, POLLIN, 0};
+    *woken = false;
+    const int rc = ::poll(p, count, timeoutMs);
+    if (rc < 0 && errno != EINTR) return errno;
+    if (rc > 0 && wakeFd >= 0 && p[wakeIndex].revents) *woken = true;
+    return APR_SUCCESS;
+}
+
+int SocketIo::descriptor(apr_socket_t* socket) {
+    apr_os_sock_t fd = -1;
+    if (socket) apr_os_sock_get(&fd, socket);
+    return fd;
+}
+
 apr_status_t SocketIo::sendAll(apr_socket_t* socket, struct iovec* iov, int count, const Deadline& deadline) {
     apr_os_sock_t fd;
     apr_os_sock_get(&fd, socket);

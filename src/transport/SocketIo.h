@@ -52,6 +52,16 @@ public:
     static apr_status_t receive(apr_socket_t* socket, char* buffer, size_t length, size_t* received,
                                 const Deadline& deadline);
 
+    /**
+     * Waits up to timeoutMs until socketFd (when >= 0) or wakeFd (when >= 0)
+     * is readable; *woken tells whether wakeFd was. A signal ends the wait
+     * early, as a time-out does.
+     */
+    static apr_status_t waitReadable(int socketFd, int wakeFd, int timeoutMs, bool* woken);
+
+    /** The descriptor of a runtime socket. */
+    static int descriptor(apr_socket_t* socket);
+
 private:
     static apr_status_t waitFor(int fd, short events, const Deadline& deadline);
 };

@@ -128,7 +128,14 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         }
         if (rc != APR_SUCCESS) rc = first;
     }
-    if (rc == APR_SUCCESS) rc = apr_socket_addr_get(&remoteAddress, APR_REMOTE, socket);
+    if (rc == APR_SUCCESS) {
+        // Every frame leaves in one send, so Nagle's algorithm has nothing to
+        // coalesce; it would only hold a frame back until the broker's
+        // delayed acknowledgement of the one before (brokers answer no ACK).
+        // A socket that refuses the option still works, only slower.
+        apr_socket_opt_set(socket, APR_TCP_NODELAY, 1);
+        rc = apr_socket_addr_get(&remoteAddress, APR_REMOTE, socket);
+    }
     if (rc == APR_SUCCESS) {
         remoteHost = remoteAddress->hostname ? apr_pstrdup(connectionPool, remoteAddress->hostname) : nullptr;
         rc = apr_socket_addr_get(&localAddress, APR_LOCAL, socket);

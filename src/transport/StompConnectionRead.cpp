@@ -8,6 +8,20 @@
 namespace tavren {
 namespace internal {
 
+apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* woken) {
+    int socketFd = -1;
+    {
+        Lock lock(mutex);
+        if (lock.status() != APR_SUCCESS) return lock.status();
+        if (!connected) return APR_ENOSOCKET;
+        *woken = false;
+        // Received bytes that were not parsed yet may already hold a frame.
+        if (watchSocket && readStart < readEnd) return APR_SUCCESS;
+        if (watchSocket) socketFd = SocketIo::descriptor(socket);
+    }
+    return SocketIo::waitReadable(socketFd, wakeFd, timeoutMs, woken);
+}
+
 apr_status_t StompConnection::read(ServerFrame** out, bool block, long long* timeout) {
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
