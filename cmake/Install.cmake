@@ -36,6 +36,16 @@ if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
 else()
   set(TAVREN_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
+# Under /usr (the packages) the prefix is written out; anywhere else it is
+# found from the .pc file's own place, so `cmake --install --prefix DIR`
+# gives a working file too.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" OR IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(TAVREN_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH _tavren_up "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
+  string(REGEX REPLACE "/$" "" _tavren_up "${_tavren_up}")
+  set(TAVREN_PC_PREFIX "\${pcfiledir}/${_tavren_up}")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tavren.pc.in ${PROJECT_BINARY_DIR}/tavren.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tavren.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
