@@ -26,12 +26,13 @@ jobs=$(nproc)
 [ "$jobs" -gt 2 ] && jobs=2
 
 echo "== Cross-building for $arch in $dir"
+mkdir -p "$dir"
 cmake -S "$root" -B "$dir" \
   --toolchain "$root/cmake/toolchains/$triplet.cmake" \
   -DTAVREN_CROSS_SYSROOT="$sysroot" \
   -DCMAKE_BUILD_TYPE=Release \
   -DTAVREN_BUILD_TESTS=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF \
-  -DTAVREN_BUILD_TOOLS=OFF >"$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
+  -DTAVREN_BUILD_TOOLS=OFF >"$dir/configure.log" 2>&1 || { cat "$dir/configure.log"; exit 1; }
 targets=(tavren)
 [ "$run_tests" = test ] && targets+=(tests_unit)
 cmake --build "$dir" -j"$jobs" --target "${targets[@]}"

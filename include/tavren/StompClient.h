@@ -31,6 +31,20 @@ class StompClientImpl;
  *
  * The logger and the listeners belong to the application and must outlive
  * the client (or, for a listener, its registration).
+ *
+ * Threads: every call may be made from any application thread; the client
+ * serialises them under one engine lock, so a call may wait while another
+ * one (or a reconnect) runs. Besides the caller's threads the client runs a
+ * reconnect timer thread while a connection is being made again, one listen
+ * thread per connection (it reads frames, hands receipts to their waiters
+ * and writes ACK and NACK) and one worker thread per message, which calls
+ * Listener::onMessage. The Logger is called from all of them but the workers.
+ *
+ * Exceptions: std::bad_alloc when memory runs out, and std::out_of_range from
+ * a connection attempt made on the caller's thread whose broker answered
+ * CONNECTED without a "server", "version", "heart-beat" or "session" header
+ * (see openConnection). Nothing else is thrown; failures are logged. The
+ * exact lines are listed with tavren::Logger.
  */
 class StompClient {
 public:
@@ -39,13 +53,44 @@ public:
      * empty). logger must not be null. heartbeat, when not null, gives the
      * two figures of the CONNECT "heart-beat" header (they are copied; by
      * default "0" and "0"). Nothing is connected yet.
+     *
+     * The library sends no heart-beats of its own and does not watch the
+     * broker's (it reads and drops them), so a first figure other than "0"
+     * makes a broker that honours it close the connection after that many
+     * milliseconds; the client then reconnects.
+     *
+     * @param host the broker's name or address, for example "127.0.0.1"
+     * @param port the broker's STOMP port
+     * @param login the CONNECT "login" header
+     * @param passcode the CONNECT "passcode" header
+     * @param logger where the client writes its lines; not null, not owned,
+     *        and it must outlive the client
+     * @param heartbeat the two "heart-beat" figures (the client's, then what it
+     *        asks of the broker), or null for "0,0"
+     * @throws std::bad_alloc when memory runs out
      */
     StompClient(std::string host, int port, std::string login, std::string passcode,
                 tavren::Logger* logger, std::pair<std::string, std::string>* heartbeat);
-    /** The same without credentials. */
+    /**
+     * The same without credentials: the CONNECT frame carries no "login" or
+     * "passcode" header.
+     * @param host the broker's name or address
+     * @param port the broker's STOMP port
+     * @param logger where the client writes its lines; not null, not owned, outlives the client
+     * @param heartbeat the two "heart-beat" figures, or null for "0,0"
+     */
     StompClient(std::string host, int port, tavren::Logger* logger,
                 std::pair<std::string, std::string>* heartbeat);
-    /** Stops the reconnect timer and the listen thread. Sends no DISCONNECT. */
+    /**
+     * Stops the reconnect timer and the listen thread. Sends no DISCONNECT.
+     *
+     * Waits for a reconnect attempt that is running and for the listen
+     * thread, which logs "Resolving remaining message handlers..." and
+     * acknowledges the messages whose listeners return within about 20 ms;
+     * listener calls still running after that are left to finish on their
+     * own, their messages unacknowledged. The socket is closed. Must not be
+     * called from Listener::onMessage or from the Logger.
+     */
     virtual ~StompClient();
     StompClient(const StompClient&) = delete;
     StompClient& operator=(const StompClient&) = delete;
@@ -58,16 +103,85 @@ public:
      * from isConnected() and the log. A broker whose CONNECTED frame lacks
      * one of "server", "version", "heart-beat" or "session" makes this throw
      * std::out_of_range (attempts still go on in the background).
+     *
+     * The first attempt runs on the calling thread: the TCP connect takes as
+     * long as the system gives it, then the broker has 3 seconds to answer
+     * the CONNECT. Once connected, the client starts the listen thread and
+     * subscribes every listener registered so far (on this thread too).
+     * Later attempts run on the reconnect timer's thread.
+     *
+     * Logs "Attempting to connect...", then "Connected." or (error) "Failed
+     * to connect on first try, " and the reason; each later attempt logs
+     * "Retrying connect..." and "Connected." or "Reconnect failed with: "
+     * and the reason. The reasons are ConnectionException texts, such as
+     * "The connection was refused." or "The Broker replied with an error.
+     * Broker replied: " and the ERROR frame's body.
+     *
+     * @param reconnectPeriod milliseconds between attempts (a value below 1 counts as 1)
+     * @param version the one protocol version offered in "accept-version":
+     *        1.0, 1.1 or 1.2; the ACK and NACK frames follow the version the
+     *        broker answers with
+     * @throws std::out_of_range when the broker's CONNECTED frame lacks one of
+     *         the headers above
      */
     void openConnection(int reconnectPeriod, kelvra::utility::Version version);
 
     /**
      * Subscribes listener to the queue and waits for the broker's receipt.
      * A refusal by the broker is logged and leaves the listener unregistered.
+     *
+     * The subscription acknowledges each message on its own ("ack:
+     * client-individual"). The wait has no time-out of its own: it ends with
+     * the receipt, an ERROR, or the loss of the connection; while
+     * setMaxWorkers' bound is reached it also waits for a listener call to
+     * return. When the connection goes meanwhile, the listener stays
+     * registered and is subscribed with the others on the next connection.
+     * Called while no connection stands (before openConnection, say), the
+     * SUBSCRIBE cannot be written: that is logged ("While trying to
+     * subscribe to /queue/NAME. Error N: ..."), handled as a lost connection
+     * (see sendToQueue), and the listener is not registered; call this again
+     * once isConnected() is true.
+     *
+     * Logs "Registering listener on /queue/NAME", then "Subscribed to
+     * destination /queue/NAME successfully." or (error) "Failed to subscribe
+     * to destination /queue/NAME. Broker replied: ..." with the broker's
+     * ERROR, or "The broker's answer to the subscription to /queue/NAME never
+     * came: ...".
+     *
+     * Must not be called from Listener::onMessage. One listener per queue:
+     * stop listening on a queue before registering another listener for it.
+     *
+     * @param queue the bare queue name ("orders" for "/queue/orders")
+     * @param listener receives the queue's messages; not null, not owned; it
+     *        must stay alive until stopListeningOnQueue for the queue has
+     *        returned and its last onMessage call has returned, or until the
+     *        client is destroyed
+     * @throws std::out_of_range as openConnection, when a failed write leads
+     *         to a connection attempt on this thread that meets such a broker
      */
     void listenOnQueue(std::string queue, tavren::Listener* listener);
 
-    /** Unsubscribes from the queue, waits for the broker's receipt, and forgets its listener. */
+    /**
+     * Unsubscribes from the queue, waits for the broker's receipt, and forgets its listener.
+     *
+     * Also forgets a listener paused by pauseAllListeners. The wait ends as
+     * listenOnQueue's does; whatever the broker answers, or when no answer
+     * comes, the listener is forgotten and no later connection subscribes
+     * it. Listener calls that are running go on: the listener must stay
+     * alive until they have returned.
+     *
+     * Logs "Deregistering listener on /queue/NAME", then "Unsubscribed from
+     * destination /queue/NAME successfully." or (error) "Failed to
+     * unsubscribe from destination /queue/NAME. Broker replied: ...", "The
+     * broker's answer to the unsubscription from /queue/NAME never came: the
+     * connection was lost.", or, for a queue without a listener, "No
+     * listener is registered on /queue/NAME; nothing to unsubscribe."
+     *
+     * Must not be called from Listener::onMessage.
+     *
+     * @param queue the bare queue name
+     * @throws std::out_of_range as listenOnQueue
+     */
     void stopListeningOnQueue(std::string queue);
 
     /**
@@ -75,21 +189,66 @@ public:
      * queue with "content-type: text/plain", its "content-length", and the
      * additional headers (may be null) whose names the frame does not already
      * carry. A failure to send is logged and leads to a reconnect.
+     *
+     * Returns once the frame is written to the socket; the broker sends no
+     * receipt for it. The message is not kept: when no connection stands or
+     * the write fails, it is lost, "Disconnected!" is logged (error) and a
+     * connection attempt is made at once on this thread ("Attempting to
+     * connect..."), then on the timer. May be called from
+     * Listener::onMessage.
+     *
+     * @param queue the bare queue name
+     * @param text the body; a null text sends an empty body
+     * @param additionalHeaders more headers, or null; the map is only read
+     *        during the call
+     * @throws std::out_of_range as listenOnQueue
      */
     void sendToQueue(std::string queue, const char* text, HeaderMap* additionalHeaders);
 
-    /** Unsubscribes every listener but remembers them for resumeAllListeners. */
+    /**
+     * Unsubscribes every listener but remembers them for resumeAllListeners.
+     *
+     * One unsubscription after the other, each waiting for its receipt as
+     * stopListeningOnQueue does. Logs "Pausing all listeners..." and, per
+     * queue, "De-registering listener for: /queue/NAME" and
+     * stopListeningOnQueue's lines. A paused listener is not subscribed
+     * again by a reconnect, only by resumeAllListeners. Must not be called
+     * from Listener::onMessage.
+     *
+     * @throws std::out_of_range as listenOnQueue
+     */
     void pauseAllListeners();
-    /** Subscribes every known listener again, the paused ones included. */
+    /**
+     * Subscribes every known listener again, the paused ones included.
+     *
+     * One subscription after the other, each waiting for its receipt as
+     * listenOnQueue does. Logs "Resuming all listeners..." and, per queue,
+     * "Re-registering listener for: /queue/NAME" and listenOnQueue's lines.
+     * The client calls it itself after every connection. Must not be called
+     * from Listener::onMessage.
+     *
+     * @throws std::out_of_range as listenOnQueue
+     */
     void resumeAllListeners();
 
     /**
      * Stops listening and forgets the session. Writes no DISCONNECT frame. A
      * reconnect timer that is running goes on.
+     *
+     * Logs "Disconnected." (also when no connection stood), stops the listen
+     * thread and waits for it; listener calls that return within about 20 ms
+     * are acknowledged, later ones are left unacknowledged. Waits for
+     * receipts are ended. The listeners stay registered and are subscribed
+     * again by the next openConnection. The socket itself stays open until
+     * the next connection attempt or the client's destruction. Must not be
+     * called from Listener::onMessage.
      */
     void closeConnection();
 
-    /** True while a session with the broker stands. */
+    /**
+     * True while a session with the broker stands: from the CONNECTED frame
+     * until the connection is lost or closed. Takes no lock; a snapshot.
+     */
     bool isConnected() const;
 
     /**
@@ -100,6 +259,8 @@ public:
      * and TCP holds the broker back. A receipt for listenOnQueue or
      * stopListeningOnQueue waits behind them too. Takes effect for the next
      * message; may be called at any time.
+     *
+     * @param count the most listener calls at once; below 1 counts as 1
      */
     void setMaxWorkers(int count);
 
@@ -108,6 +269,8 @@ public:
      * (default 256 KiB; raised to the system's minimum when smaller). A
      * listener that needs a deeper stack sets a larger one. Takes effect for
      * the next message; may be called at any time.
+     *
+     * @param bytes the stack size; rounded up to whole pages
      */
     void setWorkerStackSize(size_t bytes);
 

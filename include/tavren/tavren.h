@@ -12,4 +12,12 @@
 #include <tavren/SystemException.h>
 #include <tavren/Version.h>
 
+/**
+ * @namespace tavren
+ * The client: StompClient, the Listener an application derives from, the
+ * Message it receives, the Logger the library writes to, and the exceptions.
+ * tavren::internal holds the engine's classes, which are not part of the
+ * public interface.
+ */
+
 #endif

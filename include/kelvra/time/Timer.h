@@ -23,19 +23,34 @@ namespace time {
  */
 class Timer {
 public:
-    /** period: milliseconds between ticks (a value below 1 is taken as 1). */
+    /**
+     * A stopped timer; no thread is made yet.
+     * @param period milliseconds between ticks (a value below 1 is taken as 1)
+     */
     explicit Timer(int period);
+    /**
+     * Stops the timer and ends its thread. From any other thread than the
+     * timer's own, waits until a callback that is running has returned.
+     */
     virtual ~Timer();
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    /** Starts ticking; the first tick comes one period from now. No effect while running. */
+    /**
+     * Starts ticking; the first tick comes one period from now. No effect while running.
+     * @throws std::runtime_error when the timer's thread cannot be created
+     *         (the first start only); the timer then stays stopped
+     */
     void start();
 
     /** Stops ticking. Does not wait for a callback that is running. */
     void stop();
 
-    /** Stops and starts again: the next tick comes one full period from now. */
+    /**
+     * Stops and starts again: the next tick comes one full period from now.
+     * May be called from inside onTimeout().
+     * @throws std::runtime_error as start()
+     */
     void restart();
 
     /**
@@ -44,11 +59,16 @@ public:
      */
     void stopAndWait();
 
+    /** True between start() (or restart()) and stop(). */
     bool isRunning() const;
+    /** Milliseconds between ticks, as the constructor took it. */
     int period() const { return periodMs; }
 
 protected:
-    /** Called on the timer's thread at every tick. Does nothing by default. */
+    /**
+     * Called on the timer's thread at every tick, never on two threads at
+     * once. Does nothing by default. An override must not throw.
+     */
     virtual void onTimeout();
 
 private:

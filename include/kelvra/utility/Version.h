@@ -26,9 +26,20 @@ namespace utility {
  */
 class Version {
 public:
+    /** The default version, 0. */
     Version();
+    /**
+     * From an integer, one component per decimal digit: 12 is 1.2. Implicit,
+     * so an int may stand where a Version is expected.
+     * @param number the digits; a negative number gives 0
+     */
     Version(int number);
+    /**
+     * From dotted text such as "1.2" or a broker's "5.18.3 ".
+     * @param text the text; one that does not begin with a digit gives 0
+     */
     Version(const std::string& text);
+    /** As Version(const std::string&); a null text gives 0. */
     Version(const char* text);
 
     /** The components, most significant first; never empty. */
@@ -37,11 +48,17 @@ public:
     /** The dotted form, as operator<< prints it. */
     std::string toString() const;
 
+    /** True when this version comes before other (1.0 < 1.0.1 < 1.2). */
     bool operator<(const Version& other) const;
+    /** True when the two are equal, a missing component counting as 0 (1 == 1.0). */
     bool operator==(const Version& other) const;
+    /** The opposite of operator==. */
     bool operator!=(const Version& other) const { return !(*this == other); }
+    /** True unless this version comes before other. */
     bool operator>=(const Version& other) const { return !(*this < other); }
+    /** True when this version comes after other. */
     bool operator>(const Version& other) const { return other < *this; }
+    /** True unless this version comes after other. */
     bool operator<=(const Version& other) const { return !(other < *this); }
 
 private:
