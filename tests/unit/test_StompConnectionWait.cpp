@@ -1,0 +1,126 @@
+// Waiting for input without holding the connection, and the socket's options.
+#include "transport/StompConnection.h"
+
+#include "support/ConnectedPeer.h"
+
+#include <gtest/gtest.h>
+
+#include <apr_errno.h>
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+using tavren::internal::ServerFrame;
+using tavren::internal::StompConnection;
+
+namespace {
+
+// The descriptor of this process's TCP socket whose peer is 127.0.0.1:port, or -1.
+int socketTo(int port) {
+    int found = -1;
+    DIR* dir = opendir("/proc/self/fd");
+    if (!dir) return -1;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        const int fd = std::atoi(entry->d_name);
+        struct sockaddr_in peer = {};
+        socklen_t length = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0 && peer.sin_family == AF_INET &&
+            ntohs(peer.sin_port) == port) {
+            found = fd;
+        }
+    }
+    closedir(dir);
+    return found;
+}
+
+class ConnectionWait : public tavren::test::ConnectedPeer {
+protected:
+    void TearDown() override {
+        if (wake >= 0) close(wake);
+    }
+    void signal() {
+        const uint64_t one = 1;
+        ASSERT_EQ(write(wake, &one, sizeof one), static_cast<ssize_t>(sizeof one));
+    }
+    int wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+};
+
+TEST_F(ConnectionWait, TcpNoDelayIsSetOnTheConnection) {
+    const int fd = socketTo(peer.port());
+    ASSERT_GE(fd, 0);
+    int value = 0;
+    socklen_t length = sizeof value;
+    ASSERT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &length), 0);
+    EXPECT_NE(value, 0);
+}
+
+TEST_F(ConnectionWait, NothingToReadAndNoWakeUpTimesOut) {
+    bool woken = true;
+    EXPECT_EQ(connection.waitForInput(wake, true, 30, &woken), APR_SUCCESS);
+    EXPECT_FALSE(woken);
+}
+
+TEST_F(ConnectionWait, AWakeUpEndsTheWaitAndIsReported) {
+    signal();
+    bool woken = false;
+    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &woken), APR_SUCCESS);
+    EXPECT_TRUE(woken);
+}
+
+TEST_F(ConnectionWait, BytesOnTheSocketEndTheWait) {
+    ASSERT_TRUE(peer.send(std::string("MESSAGE\n\nx\0", 11)));
+    bool woken = true;
+    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &woken), APR_SUCCESS);
+    EXPECT_FALSE(woken);
+    ServerFrame* frame = nullptr;
+    ASSERT_EQ(connection.read(&frame, false, nullptr), APR_SUCCESS);
+    delete frame;
+}
+
+TEST_F(ConnectionWait, ASecondFrameAlreadyReceivedIsNotWaitedFor) {
+    // Both frames arrive in one piece; the first read takes both off the
+    // socket, so only the connection knows that the second is there.
+    ASSERT_TRUE(peer.send(std::string("MESSAGE\n\na\0MESSAGE\n\nb\0", 22)));
+    bool woken = false;
+    ASSERT_EQ(connection.waitForInput(wake, true, 5000, &woken), APR_SUCCESS);
+    ServerFrame* first = nullptr;
+    ASSERT_EQ(connection.read(&first, false, nullptr), APR_SUCCESS);
+    std::unique_ptr<ServerFrame> firstOwned(first);
+    EXPECT_STREQ(first->body(), "a");
+    // The socket is empty now; a wait must still return at once (the time-out
+    // would fail the read below with nothing to read).
+    EXPECT_EQ(connection.waitForInput(wake, true, 60000, &woken), APR_SUCCESS);
+    ServerFrame* second = nullptr;
+    ASSERT_EQ(connection.read(&second, false, nullptr), APR_SUCCESS);
+    std::unique_ptr<ServerFrame> secondOwned(second);
+    EXPECT_STREQ(second->body(), "b");
+}
+
+TEST_F(ConnectionWait, WithoutWatchingTheSocketOnlyAWakeUpEndsTheWait) {
+    ASSERT_TRUE(peer.send(std::string("MESSAGE\n\nx\0", 11)));
+    bool woken = true;
+    EXPECT_EQ(connection.waitForInput(wake, false, 50, &woken), APR_SUCCESS);
+    EXPECT_FALSE(woken);
+    signal();
+    EXPECT_EQ(connection.waitForInput(wake, false, 5000, &woken), APR_SUCCESS);
+    EXPECT_TRUE(woken);
+}
+
+TEST(ConnectionWaitUnconnected, ReportsNotConnected) {
+    StompConnection connection;
+    bool woken = false;
+    EXPECT_EQ(connection.waitForInput(-1, true, 10, &woken), APR_ENOSOCKET);
+}
+
+} // namespace
