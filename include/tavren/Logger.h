@@ -29,41 +29,50 @@ namespace tavren {
  * What the library writes (a lost connection, for instance, gives the error
  * line "Disconnected!"; the text after the time is given here):
  *
- * | line | kind | when |
- * |---|---|---|
- * | Attempting to connect... | info | openConnection, and after a lost connection |
- * | Connected. | info | a CONNECTED frame answered the CONNECT |
- * | Failed to connect on first try, REASON | error | the attempt made at once failed; the timer retries |
- * | Retrying connect... | info | the reconnect timer tries again |
- * | Reconnect failed with: REASON | error | that attempt failed too |
- * | Disconnected! | error | the connection failed (reading, writing, an ACK) |
- * | Disconnected. | info | closeConnection |
- * | Could not start the listen thread: REASON | error | the connection is given up and retried on the timer |
- * | Failed to subscribe the listeners again: REASON | error | re-subscribing after a reconnect failed |
- * | Registering listener on /queue/NAME | info | listenOnQueue, and each re-subscription |
- * | Subscribed to destination /queue/NAME successfully. | info | the broker's RECEIPT came |
- * | Failed to subscribe to destination /queue/NAME. Broker replied: ... | error | the broker answered with ERROR |
- * | The broker's answer to the subscription to /queue/NAME never came: ... | error | the connection went while waiting |
- * | While trying to subscribe to /queue/NAME. Error N: TEXT | error | the SUBSCRIBE could not be written |
- * | Deregistering listener on /queue/NAME | info | stopListeningOnQueue, pauseAllListeners |
- * | Unsubscribed from destination /queue/NAME successfully. | info | the broker's RECEIPT came |
- * | Failed to unsubscribe from destination /queue/NAME. Broker replied: ... | error | the broker answered with ERROR |
- * | The broker's answer to the unsubscription from /queue/NAME never came: ... | error | the connection went while waiting |
- * | While trying to unsubscribe from /queue/NAME. Error N: TEXT | error | the UNSUBSCRIBE could not be written |
- * | No listener is registered on /queue/NAME; nothing to unsubscribe. | error | stopListeningOnQueue for an unknown queue |
- * | Pausing all listeners... / De-registering listener for: /queue/NAME | info | pauseAllListeners |
- * | Resuming all listeners... / Re-registering listener for: /queue/NAME | info | resumeAllListeners, and after every connection |
- * | while trying to listen for messages. Error N: TEXT | error | the listen thread could not read or acknowledge; the connection is made again |
- * | while trying to listen for messages: TEXT | error | handling a frame failed otherwise; the listen thread goes on |
- * | Resolving remaining message handlers... | info | the listen thread ends with its connection |
- * | message: ID was fully processed but we are unable to ACK broker. | error | a listener returned after the connection went |
- * | message: ID was NOT processed but we are unable to NACK broker. | error | the same for a refused message |
- * | Failed to ACK message: ID / Failed to NACK message: ID | error | the ACK or NACK could not be written or built |
- * | Could not start a worker for message ID: REASON; reading pauses until one can be started. | error | no thread could be made for a listener call |
- * | Could not start a worker for message ID before the connection ended; it is left unacknowledged. | error | the same, until the connection went |
- * | Broker sent a frame that is an unrecognized server frame with COMMAND = X | error | an unknown frame; it is dropped |
- * | We received a result frame (RECEIPT or ERROR) from the broker, but ... | error | an answer nobody waits for; it is dropped |
- * | Ther broker sent a frame without a receipt-id header! | error | the same without a receipt-id (the spelling is the library's) |
+ * - info: "Attempting to connect..." (openConnection, and after a lost connection)
+ * - info: "Connected." (a CONNECTED frame answered the CONNECT)
+ * - error: "Failed to connect on first try, REASON" (the attempt made at once failed; the timer retries)
+ * - info: "Retrying connect..." (the reconnect timer tries again)
+ * - error: "Reconnect failed with: REASON" (that attempt failed too)
+ * - error: "Disconnected!" (the connection failed: reading, writing, an ACK)
+ * - info: "Disconnected." (closeConnection)
+ * - error: "Could not start the listen thread: REASON" (the connection is given up and retried on the timer)
+ * - error: "Failed to subscribe the listeners again: REASON" (re-subscribing after a reconnect failed)
+ * - info: "Registering listener on /queue/NAME" (listenOnQueue, and each re-subscription)
+ * - info: "Subscribed to destination /queue/NAME successfully." (the broker's RECEIPT came)
+ * - error: "Failed to subscribe to destination /queue/NAME. Broker replied: ..." (the broker answered with ERROR)
+ * - error: "The broker's answer to the subscription to /queue/NAME never came: ..." (the connection went while
+ *   waiting)
+ * - error: "While trying to subscribe to /queue/NAME. Error N: TEXT" (the SUBSCRIBE could not be written)
+ * - info: "Deregistering listener on /queue/NAME" (stopListeningOnQueue, pauseAllListeners)
+ * - info: "Unsubscribed from destination /queue/NAME successfully." (the broker's RECEIPT came)
+ * - error: "Failed to unsubscribe from destination /queue/NAME. Broker replied: ..." (the broker answered with ERROR)
+ * - error: "The broker's answer to the unsubscription from /queue/NAME never came: ..." (the connection went while
+ *   waiting)
+ * - error: "While trying to unsubscribe from /queue/NAME. Error N: TEXT" (the UNSUBSCRIBE could not be written)
+ * - error: "No listener is registered on /queue/NAME; nothing to unsubscribe." (stopListeningOnQueue for an unknown
+ *   queue)
+ * - info: "Pausing all listeners... / De-registering listener for: /queue/NAME" (pauseAllListeners)
+ * - info: "Resuming all listeners... / Re-registering listener for: /queue/NAME" (resumeAllListeners, and after every
+ *   connection)
+ * - error: "while trying to listen for messages. Error N: TEXT" (the listen thread could not read or acknowledge; the
+ *   connection is made again)
+ * - error: "while trying to listen for messages: TEXT" (handling a frame failed otherwise; the listen thread goes on)
+ * - info: "Resolving remaining message handlers..." (the listen thread ends with its connection)
+ * - error: "message: ID was fully processed but we are unable to ACK broker." (a listener returned after the
+ *   connection went)
+ * - error: "message: ID was NOT processed but we are unable to NACK broker." (the same for a refused message)
+ * - error: "Failed to ACK message: ID / Failed to NACK message: ID" (the ACK or NACK could not be written or built)
+ * - error: "Could not start a worker for message ID: REASON; reading pauses until one can be started." (no thread
+ *   could be made for a listener call)
+ * - error: "Could not start a worker for message ID before the connection ended; it is left unacknowledged." (the
+ *   same, until the connection went)
+ * - error: "Broker sent a frame that is an unrecognized server frame with COMMAND = X" (an unknown frame; it is
+ *   dropped)
+ * - error: "We received a result frame (RECEIPT or ERROR) from the broker, but ..." (an answer nobody waits for; it
+ *   is dropped)
+ * - error: "Ther broker sent a frame without a receipt-id header!" (the same without a receipt-id; the spelling is
+ *   the library's)
  */
 class Logger {
 public:
