@@ -1,0 +1,393 @@
+"""The table, docs/performance.md and docs/performance.png of the client comparison.
+
+write(results, elapsed) is called by driver.py at the end of a run;
+`python3 report.py RESULTS.json` makes the same from a saved run.
+"""
+import json
+import os
+import platform
+import statistics
+import subprocess
+import sys
+import time
+
+CLIENTS = ["floor", "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
+OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp"]
+BROKER_NAMES = {"rabbitmq": "RabbitMQ", "activemq": "ActiveMQ", "discard": "discard"}
+BOTH = ["rabbitmq", "activemq"]
+
+# workload, key, label, better ("high", "low" or None for counts), format
+METRICS = [
+    ("send", "rate", "send, msg/s", "high", "int"),
+    ("send-discard", "rate", "send to the discard server, msg/s", "high", "int"),
+    ("receive", "rate", "receive + ACK, msg/s", "high", "int"),
+    ("receive", "cpu_s", "receive, client CPU s", "low", "2f"),
+    ("receive", "cpu_us_per_msg", "receive, client CPU µs per message", "low", "1f"),
+    ("roundtrip", "median_us", "round trip, median µs", "low", "int"),
+    ("roundtrip", "p99_us", "round trip, p99 µs", "low", "int"),
+    ("ackdelay", "median_us", "ACK delay after the listener, median µs", "low", "int"),
+    ("ackdelay", "p99_us", "ACK delay after the listener, p99 µs", "low", "int"),
+    ("footprint", "rss_mib", "idle, RSS MiB", "low", "1f"),
+    ("footprint", "threads", "idle, threads", "low", "int"),
+    ("footprint", "idle_cpu_ms", "idle, CPU ms in 5 s", "low", "1f"),
+    ("backlog", "seconds", "backlog, drain time s", "low", "2f"),
+    ("backlog", "rate", "backlog, msg/s", "high", "int"),
+    ("backlog", "cpu_s", "backlog, client CPU s", "low", "2f"),
+    ("backlog", "dups", "backlog, duplicates", None, "int"),
+    ("backlog", "gaps", "backlog, missing", None, "int"),
+    ("backlog", "left", "backlog, left in the queue", None, "int"),
+    ("backlog", "peak_threads", "backlog, peak threads", "low", "int"),
+    ("backlog", "peak_rss_mib", "backlog, peak RSS MiB", "low", "1f"),
+    ("backlog", "left_unacknowledged_lines", "backlog, log lines \"left unacknowledged\"", None, "int"),
+]
+
+
+def fmt(value, kind):
+    if value is None:
+        return "–"
+    if kind == "int":
+        return "{:,}".format(int(round(value)))
+    if kind == "2f":
+        return "%.2f" % value
+    return "%.1f" % value
+
+
+def cell_values(results, workload, broker, client, key):
+    runs = results.get(workload, {}).get(broker, {}).get(client, [])
+    values = [r[key] for r in runs if isinstance(r.get(key), (int, float))]
+    errors = [r["error"] for r in runs if r.get("error")]
+    return values, errors, len(runs)
+
+
+def summary_rows(results):
+    """Rows of (label, broker, {client: (median, flagged)}, tavren/floor, tavren/best other, kind)."""
+    rows = []
+    for workload, key, label, better, kind in METRICS:
+        if workload not in results:
+            continue
+        for broker in (["discard"] if workload == "send-discard" else BOTH):
+            if broker not in results[workload]:
+                continue
+            cells = {}
+            for client in CLIENTS:
+                values, errors, runs = cell_values(results, workload, broker, client, key)
+                if runs == 0:
+                    continue
+                cells[client] = (statistics.median(values) if values else None, bool(errors), values)
+            if not any(c[0] is not None for c in cells.values()):
+                continue
+            tav = cells.get("libtavren", (None,))[0]
+            flo = cells.get("floor", (None,))[0]
+            ratio_floor = ratio_best = None
+            best_name = None
+            if better and tav is not None:
+                if flo:
+                    ratio_floor = tav / flo
+                others = [(cells[c][0], c) for c in OTHERS if c in cells and cells[c][0] is not None]
+                if others:
+                    best, best_name = (max if better == "high" else min)(others)
+                    if best:
+                        ratio_best = tav / best
+            rows.append((label, broker, cells, ratio_floor, ratio_best, best_name, kind, better))
+    return rows
+
+
+def ratio_text(r):
+    return "–" if r is None else "%.2f×" % r
+
+
+def table_markdown(rows):
+    lines = ["| figure | broker | " + " | ".join(CLIENTS) + " | libtavren ÷ floor | libtavren ÷ best other |",
+             "|---|---|" + "---:|" * len(CLIENTS) + "---:|---:|"]
+    for label, broker, cells, rf, rb, best_name, kind, better in rows:
+        row = ["%s%s" % (label, "" if better is None else (" ↑" if better == "high" else " ↓")), BROKER_NAMES[broker]]
+        for client in CLIENTS:
+            if client not in cells:
+                row.append("")
+                continue
+            median, flagged, _ = cells[client]
+            row.append(fmt(median, kind) + (" (!)" if flagged else ""))
+        row.append(ratio_text(rf))
+        row.append(ratio_text(rb) + (" (%s)" % best_name if rb is not None else ""))
+        lines.append("| " + " | ".join(row) + " |")
+    return "\n".join(lines)
+
+
+def table_text(rows):
+    head = ["figure", "broker"] + CLIENTS + ["tav/floor", "tav/best"]
+    body = []
+    for label, broker, cells, rf, rb, best_name, kind, better in rows:
+        row = [label, BROKER_NAMES[broker]]
+        for client in CLIENTS:
+            if client not in cells:
+                row.append("")
+            else:
+                row.append(fmt(cells[client][0], kind) + ("!" if cells[client][1] else ""))
+        row += [ratio_text(rf), ratio_text(rb)]
+        body.append(row)
+    widths = [max(len(str(r[i])) for r in [head] + body) for i in range(len(head))]
+    out = []
+    for r in [head] + body:
+        out.append("  ".join(str(v).rjust(w) if i > 1 else str(v).ljust(w) for i, (v, w) in enumerate(zip(r, widths))))
+    return "\n".join(out)
+
+
+def raw_markdown(results):
+    lines = []
+    for workload, key, label, better, kind in METRICS:
+        for broker in (["discard"] if workload == "send-discard" else BOTH):
+            for client in CLIENTS:
+                runs = results.get(workload, {}).get(broker, {}).get(client, [])
+                if not runs:
+                    continue
+                values = [fmt(r.get(key), kind) if isinstance(r.get(key), (int, float)) else "–" for r in runs]
+                if all(v == "–" for v in values):
+                    continue
+                lines.append("| %s | %s | %s | %s |" % (label, BROKER_NAMES[broker], client, " / ".join(values)))
+    return "| figure | broker | client | repetitions |\n|---|---|---|---|\n" + "\n".join(lines)
+
+
+def errors_markdown(results):
+    lines = []
+    for workload, brokers in results.items():
+        for broker, clients in brokers.items():
+            for client, runs in clients.items():
+                for i, r in enumerate(runs, 1):
+                    if r.get("error"):
+                        lines.append("- %s, %s, %s, repetition %d: %s" % (workload, BROKER_NAMES[broker], client, i,
+                                                                          r["error"]))
+    return "\n".join(lines) if lines else "None: every run completed, every message arrived and was acknowledged."
+
+
+def sh(cmd):
+    try:
+        return subprocess.run(cmd, shell=True, capture_output=True, text=True, timeout=10).stdout.strip()
+    except Exception:
+        return ""
+
+
+def machine():
+    model = sh("grep -m1 'model name' /proc/cpuinfo | cut -d: -f2").strip()
+    pkgs = {p: sh("dpkg-query -W -f='${Version}' %s 2>/dev/null" % p)
+            for p in ["rabbitmq-server", "activemq", "python3-stomp", "libnet-stomp-perl", "ruby-stomp", "g++"]}
+    return {
+        "cpu": model or platform.processor(),
+        "cores": os.cpu_count(),
+        "kernel": platform.release(),
+        "debian": sh("cat /etc/debian_version"),
+        "pkgs": pkgs,
+        "memory": sh("free -m | awk '/Mem:/{print $2}'"),
+    }
+
+
+def plot(results, path):
+    """Grouped bars: messages per second per client for send and receive on both brokers."""
+    groups = [("send", "rabbitmq", "send\\nRabbitMQ"), ("send", "activemq", "send\\nActiveMQ"),
+              ("receive", "rabbitmq", "receive + ACK\\nRabbitMQ"), ("receive", "activemq", "receive + ACK\\nActiveMQ")]
+    data = []
+    for workload, broker, title in groups:
+        row = ['"%s"' % title]
+        for client in CLIENTS:
+            values, _, _ = cell_values(results, workload, broker, client, "rate")
+            row.append("%.1f" % statistics.median(values) if values else "NaN")
+        data.append(" ".join(row))
+    if not data:
+        return False
+    base = os.path.splitext(path)[0]
+    with open(base + ".dat", "w") as f:
+        f.write("\n".join(data) + "\n")
+    script = """
+set terminal pngcairo size 1000,560 font "sans,10"
+set output '%(png)s'
+set title "libtavren and other STOMP clients: messages per second (median of the repetitions; higher is better)"
+set style data histogram
+set style histogram clustered gap 1
+set style fill solid 0.85 border -1
+set boxwidth 0.9
+set grid ytics
+set ylabel "messages per second"
+set yrange [0:*]
+set key outside top center horizontal
+set bmargin 5
+set xtics nomirror
+plot '%(dat)s' using 2:xtic(1) title 'raw floor (C++)', '' using 3 title 'libtavren', \\
+     '' using 4 title 'stomp.py', '' using 5 title 'Net::Stomp', '' using 6 title 'ruby stomp gem'
+""" % {"png": path, "dat": base + ".dat"}
+    r = subprocess.run(["gnuplot"], input=script, text=True, capture_output=True)
+    os.remove(base + ".dat")
+    if r.returncode != 0:
+        print(r.stderr, file=sys.stderr)
+        return False
+    return True
+
+
+METHOD = """\
+- **Clients.** *floor*: `bench/compare/floor_client.cpp`, a minimal STOMP
+  client on plain POSIX sockets and no library; it writes pre-built frames,
+  gathering up to 64 KiB into one write, reads through one buffered reader
+  that parses in place, and writes the ACKs for all messages of one read in
+  one write. It shows the limit of the path (broker, loopback, kernel), not of
+  a client. *libtavren*: `bench/compare/tavren_client.cpp`, the public headers
+  only (`<tavren/tavren.h>`), linked against the built `libtavren.so`, with the
+  library's defaults (workers, stack size); its log goes to a file.
+  *stomp.py* (python3-stomp), *Net::Stomp* (libnet-stomp-perl) and the *Ruby
+  stomp gem* (ruby-stomp): `bench/compare/clients/`, each used the way its
+  documentation shows. Every client offers 1.2 to RabbitMQ and 1.1 to ActiveMQ
+  (ActiveMQ refuses libtavren's 1.2 ACK, see `docs/brokers.md`; 1.1 works for
+  every client there) and 1.2 to the discard server.
+- **TCP_NODELAY** is on for every client: libtavren sets it, the floor sets it
+  so that it is compared on the same terms, the Ruby gem sets it by default,
+  and the stomp.py and Net::Stomp clients set it on the library's socket after
+  connecting (otherwise Nagle's algorithm holds a SEND behind an unanswered
+  ACK and the round trip measures the kernel's delayed-ACK timer). The relay
+  sets it on both legs.
+- **Interleaving.** Within each repetition every workload runs for every
+  client, client after client, before the next workload starts; the client
+  order rotates from one repetition to the next. Figures are the medians of
+  the repetitions; all repetitions are listed further down. The machine is
+  shared: absolute figures drift between runs, the ratios within one run are
+  what counts.
+- **send**: N messages of 100 bytes to a fresh queue, then a SUBSCRIBE with a
+  receipt on another queue (for libtavren: `listenOnQueue`, which returns with
+  the receipt). The clock runs from the first send to the receipt: the broker
+  has then taken every SEND before it. The same marker for every client; a
+  receipt on the last SEND would mean something else on RabbitMQ, which
+  answers it only once the message is confirmed. The queue is then drained
+  and must hold exactly N messages.
+- **send-discard**: the same into `bench/compare/discard_server.cpp`, which
+  answers CONNECT with CONNECTED ("server", "version", "heart-beat",
+  "session"), answers every frame that asks for a receipt, and drops the rest:
+  the client's own cost of sending.
+- **receive**: N messages are queued first by the floor client (untimed; a
+  "bench-seq" header numbers them). The client subscribes with
+  client-individual acknowledgement and ACKs each message. Between client and
+  broker runs `bench/compare/ack_relay.cpp`, a poll-based relay that forwards
+  the bytes of both directions unchanged and records the CLOCK_MONOTONIC time
+  at which each ACK reached it from the client. The clock runs from just before
+  the subscription to the last ACK leaving the client: libtavren's API cannot
+  tell when an ACK was written, so every client is timed this way. Afterwards a
+  subscription by the floor client must get nothing within 1 s (the queue is
+  empty). CPU is user + system time of the client process from `wait4`,
+  interpreter start-up included for the scripted clients.
+- **round trip**: one message sent, then wait until the same client's own
+  subscription has it (and ACK it); RT times; median and 99th percentile.
+- **ACK delay** (libtavren only): a stream of N messages, sent by the floor
+  client at a fixed rate straight to the broker while libtavren listens
+  through the relay; the rate is well below what every client of the
+  comparison receives, so the figure shows the ACK path, not a backlog. Per message: from the end of `onMessage` (its
+  CLOCK_MONOTONIC time, recorded by the listener) to the relay's time for that
+  message's ACK.
+- **footprint**: every client connected, one subscription, idle: RSS (VmRSS)
+  and thread count from `/proc/PID/status` after 2 s, then the CPU time of
+  all its threads (`/proc/PID/task/*/schedstat`) over 5 more seconds. The five
+  clients idle side by side, since idle clients do not disturb each other.
+  The scripted clients' RSS includes their interpreter.
+- **backlog**: BACKLOG_N queued messages, one subscription, through the relay
+  as for receive: time from the subscription to the last ACK, duplicates and
+  missing "bench-seq" numbers, what is left in the queue afterwards, peak
+  threads (`/proc/PID/status` polled every 10 ms) and peak RSS (the larger of
+  VmHWM at the end and the polled VmRSS), and for libtavren the log lines
+  saying "left unacknowledged".
+- Ratios are libtavren's figure divided by the other's: above 1 is better for
+  the rows marked ↑ (msg/s), below 1 for those marked ↓ (times, CPU, memory,
+  threads). "(!)" marks a median over repetitions of which at least one
+  failed; those are listed under "Incomplete runs".
+"""
+
+
+def write(results, elapsed, meta=None):
+    meta = meta or {}
+    rows = summary_rows(results)
+    print()
+    print(table_text(rows))
+    print()
+    print("Run time: %.1f minutes" % (elapsed / 60.0))
+    out = os.environ.get("BENCH_OUT")
+    if not out:
+        return
+    os.makedirs(out, exist_ok=True)
+    png = os.path.join(out, "performance.png")
+    plotted = plot(results, png)
+    m = machine()
+    reps = os.environ.get("BENCH_REPS", "3")
+    n = os.environ.get("BENCH_N", "20000")
+    backlog_n = os.environ.get("BENCH_BACKLOG_N", "100000")
+    rt = os.environ.get("BENCH_RT", "1000")
+    rate = os.environ.get("BENCH_ACKDELAY_RATE", "1000")
+    backlog_clients = os.environ.get("BENCH_BACKLOG_CLIENTS", "floor,libtavren")
+    command = os.environ.get("BENCH_COMMAND", "scripts/bench.sh")
+    lib = os.environ.get("BENCH_LIB_DESC", "")
+    method = METHOD.replace("BACKLOG_N", "{:,}".format(int(backlog_n))).replace(" RT ", " {:,} ".format(int(rt)))
+    doc = """# libtavren compared with other STOMP clients
+
+Measured by `scripts/bench.sh` on %(date)s; the run took %(minutes).1f minutes.
+It compares libtavren with a raw-socket floor and three STOMP clients of other
+languages, on RabbitMQ and ActiveMQ over loopback.
+
+```sh
+%(command)s
+```
+
+Sizes of this run: %(reps)s repetitions, N = %(n)s messages of 100 bytes
+(send, receive, ACK delay), %(rt)s round trips, a backlog of %(backlog_n)s
+messages (clients: %(backlog_clients)s), the ACK-delay stream at %(rate)s
+messages per second. `BENCH_REPS`, `BENCH_N`, `BENCH_BACKLOG_N`, `BENCH_RT`,
+`BENCH_ACKDELAY_RATE`, `BENCH_BACKLOG_CLIENTS` and `BENCH_ONLY=workload,...`
+(send, send-discard, receive, roundtrip, ackdelay, footprint, backlog) change
+them for a quick run.
+
+## Machine
+
+| | |
+|---|---|
+| CPU | %(cpu)s, %(cores)s cores (shared with other work while this ran) |
+| memory | %(memory)s MiB |
+| kernel | %(kernel)s |
+| Debian | %(debian)s |
+| RabbitMQ | rabbitmq-server %(rabbit)s (STOMP plugin), 127.0.0.1:61623 |
+| ActiveMQ | activemq %(amq)s, 127.0.0.1:61633 |
+| clients | python3-stomp %(pystomp)s, libnet-stomp-perl %(netstomp)s, ruby-stomp %(rubystomp)s; C++ built with g++ %(gxx)s, -O2 |
+| libtavren | %(lib)s, CMake Release build |
+
+## Results
+
+Medians of the repetitions. ↑: higher is better, ↓: lower is better.
+
+%(table)s
+
+%(plot)s
+
+### Incomplete runs
+
+%(errors)s
+
+## Method
+
+%(method)s
+## Every repetition
+
+%(raw)s
+""" % {
+        "date": time.strftime("%Y-%m-%d %H:%M %Z"),
+        "minutes": elapsed / 60.0,
+        "command": command,
+        "reps": reps, "n": "{:,}".format(int(n)), "rt": "{:,}".format(int(rt)),
+        "backlog_n": "{:,}".format(int(backlog_n)), "backlog_clients": backlog_clients, "rate": rate,
+        "cpu": m["cpu"], "cores": m["cores"], "memory": m["memory"], "kernel": m["kernel"], "debian": m["debian"],
+        "rabbit": m["pkgs"]["rabbitmq-server"], "amq": m["pkgs"]["activemq"],
+        "pystomp": m["pkgs"]["python3-stomp"], "netstomp": m["pkgs"]["libnet-stomp-perl"],
+        "rubystomp": m["pkgs"]["ruby-stomp"], "gxx": m["pkgs"]["g++"], "lib": lib or "this tree",
+        "table": table_markdown(rows),
+        "plot": "![messages per second per client](performance.png)" if plotted else "",
+        "errors": errors_markdown(results),
+        "method": method,
+        "raw": raw_markdown(results),
+    }
+    with open(os.path.join(out, "performance.md"), "w") as f:
+        f.write(doc)
+    print("Wrote %s%s" % (os.path.join(out, "performance.md"), " and performance.png" if plotted else ""))
+
+
+if __name__ == "__main__":
+    saved = json.load(open(sys.argv[1]))
+    write(saved["results"], saved["elapsed_s"])

@@ -1,0 +1,83 @@
+#!/usr/bin/env bash
+# Benchmarks libtavren against a raw-socket floor and three STOMP clients of
+# other languages (stomp.py, Net::Stomp, the Ruby stomp gem) on RabbitMQ and
+# ActiveMQ, and writes docs/performance.md and docs/performance.png. Not part
+# of CI; takes about a quarter of an hour. Works as root on Debian 12.
+#
+#   scripts/bench.sh
+#
+# Installs what it needs, builds libtavren (Release) in build-bench/ and the
+# comparison programs of bench/compare/ against it, starts the brokers that
+# are not running yet (and stops those again at the end), and runs
+# bench/compare/driver.py. For a quick run:
+#   BENCH_REPS=1 BENCH_N=2000 BENCH_BACKLOG_N=5000 BENCH_RT=50 scripts/bench.sh
+#   BENCH_ONLY=send,receive scripts/bench.sh
+# A run with any of these set writes its report to build-bench/compare/docs/
+# instead of docs/ (BENCH_OUT=DIR chooses). BENCH_TREE=DIR measures the
+# library of another checkout (built in DIR/build-bench).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+tree=$(cd "${BENCH_TREE:-$root}" && pwd)
+build=$tree/build-bench
+work=$build/compare
+started=$SECONDS
+
+echo "== Installing what the benchmark needs"
+"$root/scripts/install-deps.sh"
+packages=(python3-stomp libnet-stomp-perl ruby-stomp gnuplot-nox)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+echo "== Building libtavren (Release) in $build"
+mkdir -p "$work/bin"
+"$tree/scripts/build.sh" "$build" -DCMAKE_BUILD_TYPE=Release -DTAVREN_BUILD_TESTS=OFF \
+  -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF > "$work/build.log" 2>&1 \
+  || { tail -40 "$work/build.log"; exit 1; }
+lib=$(dirname "$(find "$build" -name 'libtavren.so' -print -quit)")
+[ -n "$lib" ] || { echo "libtavren.so not found in $build"; exit 1; }
+
+echo "== Building the comparison programs (bench/compare) in $work/bin"
+cxx=(g++ -O2 -std=c++17 -Wall -Wextra -pthread)
+for program in floor_client ack_relay discard_server; do
+  "${cxx[@]}" -o "$work/bin/$program" "$root/bench/compare/$program.cpp"
+done
+# libtavren's client sees the public headers only (and the generated ones of the build).
+"${cxx[@]}" -I"$tree/include" -I"$build/include" -o "$work/bin/tavren_client" "$root/bench/compare/tavren_client.cpp" \
+  -L"$lib" -ltavren -Wl,-rpath,"$lib"
+
+echo "== Starting the brokers"
+source "$root/scripts/brokers/for-tests.sh"
+start_brokers rabbitmq activemq
+
+quick=0
+for v in BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS; do
+  [ -n "${!v:-}" ] && quick=1
+done
+if [ -z "${BENCH_OUT+set}" ]; then
+  if [ $quick = 1 ]; then BENCH_OUT=$work/docs; else BENCH_OUT=$root/docs; fi
+fi
+if [ -z "${BENCH_LIB_DESC:-}" ] && git -C "$tree" rev-parse HEAD >/dev/null 2>&1; then
+  BENCH_LIB_DESC="commit $(git -C "$tree" rev-parse --short HEAD)"
+  git -C "$tree" diff --quiet HEAD -- src include CMakeLists.txt || BENCH_LIB_DESC+=" with uncommitted changes"
+fi
+command="scripts/bench.sh"
+for v in BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS; do
+  [ -n "${!v:-}" ] && command="$v=${!v} $command"
+done
+
+echo "== Running the comparison (logs in $work/run)"
+rm -rf "$work/run"
+BENCH_BIN=$work/bin BENCH_WORK=$work/run BENCH_OUT=$BENCH_OUT BENCH_COMMAND=$command \
+  BENCH_LIB_DESC=${BENCH_LIB_DESC:-} /usr/bin/python3 "$root/bench/compare/driver.py"
+
+echo "== Stopping the brokers this script started"
+stop_brokers
+echo "== Done in $(( (SECONDS - started) / 60 )) min $(( (SECONDS - started) % 60 )) s"
