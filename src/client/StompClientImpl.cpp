@@ -8,6 +8,7 @@
 #include <tavren/ConnectionException.h>
 
 #include <cstring>
+#include <memory>
 #include <sstream>
 
 namespace tavren {
@@ -236,18 +237,25 @@ void StompClientImpl::sendMessage(std::string destination, const char* text, Hea
     EngineLock lock(*mutex);
     if (!connection) return;
 
-    SendFrame frame;
-    // A null text is sent as an empty body rather than read through.
-    const char* source = text ? text : "";
-    const size_t length = strlen(source);
-    char* copy = new char[length + 1];
-    strncpy(copy, source, length + 1);
-    frame.setText(copy);
-    frame.setDestination(destination);
-    frame.setAdditionalHeaders(additionalHeaders);
+    // A send without extra headers reuses one frame: its three headers are
+    // only overwritten, so nothing is allocated. Extra headers get a frame
+    // of their own, since nothing removes a header from a frame.
+    std::unique_ptr<SendFrame> withExtras;
+    SendFrame* frame = &plainSend;
+    if (additionalHeaders && !additionalHeaders->empty()) {
+        withExtras.reset(new SendFrame());
+        frame = withExtras.get();
+    }
+    // A null text is sent as an empty body rather than read through. The
+    // caller's text stays alive and unchanged until this call returns, so
+    // the frame points at it instead of at a copy (the reused frame keeps
+    // that pointer afterwards but never reads it again before the next
+    // setText).
+    frame->setText(const_cast<char*>(text ? text : ""));
+    frame->setDestination(destination);
+    frame->setAdditionalHeaders(additionalHeaders);
 
-    const apr_status_t rc = connection->write(&frame, nullptr);
-    delete[] copy;
+    const apr_status_t rc = connection->write(frame, nullptr);
     if (rc != 0) eventDisconnectError();
 }
 

@@ -4,6 +4,7 @@
 #include "client/Connector.h"
 #include "client/EngineMutex.h"
 #include "client/FrameResult.h"
+#include "frames/SendFrame.h"
 #include "frames/ServerFrame.h"
 #include "frames/Session.h"
 #include "transport/StompConnection.h"
@@ -140,6 +141,7 @@ private:
     pthread_mutex_t threadsMutex;
     int runningListenThreads;
     kelvra::threads::CondVar threadsEnded;
+    SendFrame plainSend; // reused by every send without extra headers, under the engine lock
     std::atomic<int> maxWorkers;
     std::atomic<size_t> workerStackSize;
 };

@@ -1,8 +1,7 @@
 #include "frames/SendFrame.h"
 
+#include <charconv>
 #include <cstring>
-#include <locale>
-#include <sstream>
 
 namespace tavren {
 namespace internal {
@@ -17,10 +16,10 @@ SendFrame::~SendFrame() {}
 void SendFrame::setDestination(const std::string& destination) { headers_["destination"] = destination; }
 
 void SendFrame::setText(char* text) {
-    std::ostringstream length;
-    length.imbue(std::locale::classic()); // plain digits whatever the global locale
-    length << static_cast<unsigned long>(std::strlen(text));
-    headers_["content-length"] = length.str();
+    // Plain decimal digits, whatever the global locale; no stream needed.
+    char digits[24];
+    const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, std::strlen(text));
+    headers_["content-length"].assign(digits, end.ptr);
     body_ = text;
 }
 
