@@ -11,7 +11,8 @@
 // client connection. Prints "ACKS count" at most once a second while the
 // count grows, "REACHED count time" once TARGET ACKs were seen,
 // and at the end (either side closed, or SIGTERM) writes "key time" per ACK to
-// ACKFILE and prints "END acks nacks last_ack_time". Single-threaded, poll-based.
+// ACKFILE and prints "END acks nacks last_ack_time first_subscribe_time". Single-threaded, poll-based,
+// non-blocking.
 
 #include "wire.h"
 
@@ -33,6 +34,7 @@ public:
     std::vector<std::pair<std::string, double>> acks;
     long nacks = 0;
     double lastAck = 0;
+    double firstSubscribe = 0;
 
     void feed(const char* data, size_t size, double at) {
         pending.append(data, size);
@@ -67,6 +69,8 @@ public:
                 lastAck = at;
             } else if (f.command == "NACK") {
                 ++nacks;
+            } else if (f.command == "SUBSCRIBE" && firstSubscribe == 0) {
+                firstSubscribe = at;
             }
             pos = frameEnd + 1;
         }
@@ -107,33 +111,61 @@ int main(int argc, char** argv) {
     wire::setNoDelay(client);
     wire::setNoDelay(broker);
 
+    // Non-blocking, with one buffer per direction, so that the relay reads
+    // the client's ACKs whatever the other direction does, as a broker does.
+    // It reads from the broker only while less than kMaxPending bytes wait
+    // for the client, so TCP holds the broker back as it would without it.
+    fcntl(client, F_SETFL, fcntl(client, F_GETFL) | O_NONBLOCK);
+    fcntl(broker, F_SETFL, fcntl(broker, F_GETFL) | O_NONBLOCK);
+    const size_t kMaxPending = 1 << 20;
+    std::string toClient, toBroker;
     ClientStream stream;
     bool reached = false;
     size_t shown = 0;
     double shownAt = wire::now();
     std::vector<char> buf(1 << 16);
-    while (!stopRequested) {
-        pollfd p[2] = {{client, POLLIN, 0}, {broker, POLLIN, 0}};
+    // Writes what it can of pending to fd; false when the peer is gone.
+    auto flush = [](int fd, std::string& pending) {
+        while (!pending.empty()) {
+            ssize_t n = send(fd, pending.data(), pending.size(), MSG_NOSIGNAL);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                return errno == EAGAIN || errno == EWOULDBLOCK;
+            }
+            pending.erase(0, static_cast<size_t>(n));
+        }
+        return true;
+    };
+    bool closed = false;
+    while (!stopRequested && !closed) {
+        pollfd p[2] = {{client, POLLIN, 0}, {broker, 0, 0}};
+        if (toClient.size() < kMaxPending) p[1].events |= POLLIN;
+        if (!toClient.empty()) p[0].events |= POLLOUT;
+        if (!toBroker.empty()) p[1].events |= POLLOUT;
         int ready = poll(p, 2, 500);
         if (ready < 0) {
             if (errno == EINTR) continue;
             wire::die("poll");
         }
-        bool closed = false;
         if (p[0].revents & (POLLIN | POLLHUP | POLLERR)) {
             ssize_t n = recv(client, buf.data(), buf.size(), 0);
             const double at = wire::now();
-            if (n <= 0) {
-                closed = true;
-            } else {
+            if (n > 0) {
                 stream.feed(buf.data(), static_cast<size_t>(n), at);
-                if (!wire::writeAll(broker, buf.data(), static_cast<size_t>(n))) closed = true;
+                toBroker.append(buf.data(), static_cast<size_t>(n));
+            } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+                closed = true;
             }
         }
         if (p[1].revents & (POLLIN | POLLHUP | POLLERR)) {
             ssize_t n = recv(broker, buf.data(), buf.size(), 0);
-            if (n <= 0 || !wire::writeAll(client, buf.data(), static_cast<size_t>(n))) closed = true;
+            if (n > 0) {
+                toClient.append(buf.data(), static_cast<size_t>(n));
+            } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+                closed = true;
+            }
         }
+        if (!flush(broker, toBroker) || !flush(client, toClient)) closed = true;
         if (stream.acks.size() != shown && wire::now() - shownAt >= 1) {
             shown = stream.acks.size();
             shownAt = wire::now();
@@ -145,7 +177,6 @@ int main(int argc, char** argv) {
             std::printf("REACHED %zu %.6f\n", stream.acks.size(), stream.lastAck);
             std::fflush(stdout);
         }
-        if (closed) break;
     }
     close(client);
     close(broker);
@@ -154,6 +185,6 @@ int main(int argc, char** argv) {
         for (const auto& ack : stream.acks) std::fprintf(out, "%s %.6f\n", ack.first.c_str(), ack.second);
         std::fclose(out);
     }
-    std::printf("END %zu %ld %.6f\n", stream.acks.size(), stream.nacks, stream.lastAck);
+    std::printf("END %zu %ld %.6f %.6f\n", stream.acks.size(), stream.nacks, stream.lastAck, stream.firstSubscribe);
     return 0;
 }

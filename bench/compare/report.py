@@ -263,11 +263,15 @@ METHOD = """\
   client-individual acknowledgement and ACKs each message. Between client and
   broker runs `bench/compare/ack_relay.cpp`, a poll-based relay that forwards
   the bytes of both directions unchanged and records the CLOCK_MONOTONIC time
-  at which each ACK reached it from the client. The clock runs from just before
-  the subscription to the last ACK leaving the client: libtavren's API cannot
-  tell when an ACK was written, so every client is timed this way. Afterwards a
-  subscription by the floor client must get nothing within 1 s (the queue is
-  empty). CPU is user + system time of the client process from `wait4`,
+  at which each frame reached it from the client. The clock runs from the
+  SUBSCRIBE leaving the client to the last ACK leaving the client, both as the
+  relay saw them: libtavren's API cannot tell when an ACK was written, so every
+  client is timed this way. The relay reads the client whatever the other
+  direction does, as a broker does, and holds the broker back once 1 MiB
+  waits for the client. Afterwards a subscription by the floor client must
+  get nothing within 1 s (the queue is empty). A client that acknowledges
+  nothing new for 10 s has failed; its figures then cover the messages it did
+  acknowledge and are marked (!). CPU is user + system time of the client process from `wait4`,
   interpreter start-up included for the scripted clients.
 - **round trip**: one message sent, then wait until the same client's own
   subscription has it (and ACK it); RT times; median and 99th percentile.

@@ -70,8 +70,13 @@ if ($mode eq 'send') {
     my $seen = "\0" x ($n + 2);
     my $t0 = now();
     $stomp->subscribe({ destination => $dest, ack => $ackmode, id => '0' });
+    my $input = IO::Select->new(\*STDIN);
     while ($unique < $n && now() < $deadline) {
-        my $frame = $stomp->receive_frame({ timeout => 1 }) or next;
+        my $frame = $stomp->receive_frame({ timeout => 1 });
+        unless ($frame) {
+            last if $input->can_read(0); # the driver gave up waiting
+            next;
+        }
         if ($frame->command ne 'MESSAGE') {
             warn "ERROR frame: " . ($frame->headers->{message} // '') . "\n" if $frame->command eq 'ERROR';
             next;
