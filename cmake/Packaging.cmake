@@ -78,7 +78,6 @@ This package contains the shared library.")
 # CMake package and tavren.pc look both up through pkg-config.
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtavren-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_ARCHITECTURE_DEPENDS ON)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "${_tavren_runtime_package} (= ${_tavren_deb_version}), libapr1-dev, uuid-dev, pkg-config | pkgconf")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "STOMP client library over TCP (development files)

@@ -32,6 +32,19 @@ std::string headerInDump(const std::string& dump, const std::string& name) {
     return dump.substr(from, dump.find('\n', from) - from);
 }
 
+// One line for the terminal: the library's lines may hold a broker's
+// multi-line text.
+std::string oneLine(const std::string& text) {
+    std::string line;
+    for (char c : text) {
+        const bool space = c == '\n' || c == '\r' || c == '\t' || c == ' ';
+        if (space && (line.empty() || line.back() == ' ')) continue;
+        line += space ? ' ' : c;
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    return line;
+}
+
 } // namespace
 
 std::vector<struct option> withCommonOptions(std::vector<struct option> own) {
@@ -163,7 +176,7 @@ void ToolLogger::logError(const std::string& message) {
     if (verbose) std::fprintf(stderr, "[tavren] ERROR %s\n", message.c_str());
     note(message);
     std::lock_guard<std::mutex> relock(mutex);
-    last = message;
+    last = oneLine(message);
     if (startsWith(last, kFirstTryLead)) last.erase(0, std::string(kFirstTryLead).size());
     if (startsWith(last, kRetryLead)) last.erase(0, std::string(kRetryLead).size());
     if (message == "Disconnected!") ++lost;

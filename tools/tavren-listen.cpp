@@ -50,7 +50,7 @@ void printHelp() {
                 "      --headers                print each message's headers (NAME:VALUE lines),\n"
                 "                               an empty line, the body and an empty line\n"
                 "      --nack                   reject (NACK) each message instead of acknowledging it\n"
-                "%s"
+                "\n%s"
                 "\n"
                 "Exit status: 0 got N messages (or listened until -t or an interrupt without -n),\n"
                 "2 wrong arguments, 3 cannot connect, 4 fewer than N messages before -t or an\n"

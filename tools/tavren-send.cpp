@@ -42,7 +42,7 @@ void printHelp() {
                 "  -f, --file FILE              send the content of FILE as one message\n"
                 "  -H, --header NAME:VALUE      add a header to every message (repeatable)\n"
                 "  -t, --timeout SECS           wait SECS for the broker's receipt (default 10)\n"
-                "%s"
+                "\n%s"
                 "\n"
                 "Exit status: 0 sent and confirmed, 2 wrong arguments or unreadable input,\n"
                 "3 cannot connect, 5 connection lost, message refused or not confirmed in time,\n"
