@@ -14,7 +14,9 @@
 #   BENCH_ONLY=send,receive scripts/bench.sh
 # A run with any of these set writes its report to build-bench/compare/docs/
 # instead of docs/ (BENCH_OUT=DIR chooses). BENCH_TREE=DIR measures the
-# library of another checkout (built in DIR/build-bench).
+# library of another checkout (built in DIR/build-bench), for instance an
+# export of one commit (git archive HEAD | tar -x -C DIR) while the working
+# tree has edits in progress; BENCH_LIB_DESC then says what it is.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 tree=$(cd "${BENCH_TREE:-$root}" && pwd)
@@ -69,9 +71,10 @@ if [ -z "${BENCH_LIB_DESC:-}" ] && git -C "$tree" rev-parse HEAD >/dev/null 2>&1
   git -C "$tree" diff --quiet HEAD -- src include CMakeLists.txt || BENCH_LIB_DESC+=" with uncommitted changes"
 fi
 command="scripts/bench.sh"
-for v in BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS; do
+for v in BENCH_TREE BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS; do
   [ -n "${!v:-}" ] && command="$v=${!v} $command"
 done
+command=${BENCH_COMMAND:-$command}
 
 echo "== Running the comparison (logs in $work/run)"
 rm -rf "$work/run"

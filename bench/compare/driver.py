@@ -433,6 +433,7 @@ def main():
     global DISCARD_PORT
     os.makedirs(os.path.join(WORK, "logs"), exist_ok=True)
     started = time.time()
+    date = time.strftime("%Y-%m-%d %H:%M %Z")
     discard = None
     if "send-discard" in ONLY:
         discard = subprocess.Popen([os.path.join(BIN, "discard_server")], stdout=subprocess.PIPE, text=True)
@@ -474,10 +475,10 @@ def main():
             discard.wait()
     elapsed = time.time() - started
     with open(os.path.join(WORK, "results.json"), "w") as f:
-        json.dump({"results": results, "elapsed_s": elapsed, "reps": REPS, "n": N, "backlog_n": BACKLOG_N,
+        json.dump({"results": results, "elapsed_s": elapsed, "date": date, "reps": REPS, "n": N, "backlog_n": BACKLOG_N,
                    "rt": RT, "ackdelay_rate": ACKDELAY_RATE}, f, indent=1)
     import report
-    report.write(results, elapsed)
+    report.write(results, elapsed, {"date": date})
 
 
 if __name__ == "__main__":

@@ -156,7 +156,16 @@ def errors_markdown(results):
                     if r.get("error"):
                         lines.append("- %s, %s, %s, repetition %d: %s" % (workload, BROKER_NAMES[broker], client, i,
                                                                           r["error"]))
-    return "\n".join(lines) if lines else "None: every run completed, every message arrived and was acknowledged."
+    if not lines:
+        return "None: every run completed, every message arrived and was acknowledged."
+    if any("Net::Stomp" in line for line in lines):
+        lines.append("")
+        lines.append("Net::Stomp 0.61 drops a message now and then (a few in 20,000, on both brokers): its "
+                     "receive_frame never returns it, so it is never acknowledged and the drain afterwards finds it "
+                     "in the queue. It does so without the relay too (straight to RabbitMQ, two of three runs of "
+                     "5,000 lost one message each). Its figures for those runs cover the messages it did "
+                     "acknowledge.")
+    return "\n".join(lines)
 
 
 def sh(cmd):
@@ -253,7 +262,9 @@ METHOD = """\
   has then taken every SEND before it. The same marker for every client; a
   receipt on the last SEND would mean something else on RabbitMQ, which
   answers it only once the message is confirmed. The queue is then drained
-  and must hold exactly N messages.
+  and must hold exactly N messages. Here the broker sets the pace, so the
+  floor is not a strict ceiling, and the repetitions scatter widely (see
+  "Every repetition").
 - **send-discard**: the same into `bench/compare/discard_server.cpp`, which
   answers CONNECT with CONNECTED ("server", "version", "heart-beat",
   "session"), answers every frame that asks for a receipt, and drops the rest:
@@ -372,7 +383,7 @@ Medians of the repetitions. ↑: higher is better, ↓: lower is better.
 
 %(raw)s
 """ % {
-        "date": time.strftime("%Y-%m-%d %H:%M %Z"),
+        "date": meta.get("date") or time.strftime("%Y-%m-%d %H:%M %Z"),
         "minutes": elapsed / 60.0,
         "command": command,
         "reps": reps, "n": "{:,}".format(int(n)), "rt": "{:,}".format(int(rt)),
@@ -394,4 +405,4 @@ Medians of the repetitions. ↑: higher is better, ↓: lower is better.
 
 if __name__ == "__main__":
     saved = json.load(open(sys.argv[1]))
-    write(saved["results"], saved["elapsed_s"])
+    write(saved["results"], saved["elapsed_s"], {"date": saved.get("date")})
