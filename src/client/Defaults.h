@@ -24,11 +24,25 @@ const unsigned kWorkerGraceUs = 20000;
 // is reached, the broker's frames wait in the socket and TCP holds it back.
 const int kDefaultMaxWorkers = 16;
 
-// Stack of a worker thread. Small enough that the thread library keeps the
-// stacks of joined workers for reuse (its cache holds 40 MiB: 160 of these,
-// far more than the bound above), so a new worker maps no fresh stack; large
-// enough for listener code that does not keep big arrays on the stack.
+// Stack of a worker thread: large enough for listener code that does not
+// keep big arrays on the stack, small enough that sixteen of them cost
+// little address space. The library keeps these stacks mapped for reuse
+// (WorkerStacks), so a new worker maps and faults in nothing.
 const size_t kDefaultWorkerStackSize = 256 * 1024;
+
+// The sanitizers need deeper stacks than the system's minimum for the
+// threads they watch, and refuse smaller ones handed to them.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+const size_t kLeastWorkerStackSize = 1024 * 1024;
+#else
+const size_t kLeastWorkerStackSize = 0; // the system's minimum applies
+#endif
+
+// Worker stacks kept mapped for reuse beyond those in use: twice the default
+// bound, so a raised bound still reuses most of them. At the default size
+// that is at most 8 MiB of address space; only the pages listeners touched
+// are resident.
+const size_t kKeptWorkerStacks = 32;
 
 } // namespace internal
 } // namespace tavren

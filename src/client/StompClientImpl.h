@@ -4,6 +4,7 @@
 #include "client/Connector.h"
 #include "client/EngineMutex.h"
 #include "client/FrameResult.h"
+#include "client/WorkerStacks.h"
 #include "frames/SendFrame.h"
 #include "frames/ServerFrame.h"
 #include "frames/Session.h"
@@ -142,6 +143,7 @@ private:
     int runningListenThreads;
     kelvra::threads::CondVar threadsEnded;
     SendFrame plainSend; // reused by every send without extra headers, under the engine lock
+    WorkerStacks workerStacks; // the stacks message workers run on; outlives every worker but abandoned ones
     std::atomic<int> maxWorkers;
     std::atomic<size_t> workerStackSize;
 };

@@ -6,6 +6,7 @@
 #include "client/StompClientImpl.h"
 
 #include "client/Defaults.h"
+#include "client/WorkerStacks.h"
 #include "frames/AckFrame.h"
 #include "transport/AprException.h"
 #include "transport/SocketIo.h"
@@ -13,6 +14,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
@@ -58,8 +61,9 @@ private:
     // One message worker that has not been settled yet.
     struct Worker {
         Listener::WorkerData* data;
-        bool joined;    // its thread has been joined and its answer taken
-        int* exitValue; // the listener's answer, once joined
+        WorkerStacks::Stack stack; // the stack it runs on, given back once joined
+        bool joined;               // its thread has been joined and its answer taken
+        int* exitValue;            // the listener's answer, once joined
     };
 
     bool stopRequested() const { return engine->listenStopRequested(generation); }
@@ -79,7 +83,7 @@ private:
     void deliverResult(ServerFrame* frame);
     void reapFinished();
     void resolve();
-    bool awaitDone(Listener::WorkerData* data, unsigned graceUs);
+    bool awaitDone(Worker& worker, unsigned graceUs);
     void join(Worker& worker);
     apr_status_t acknowledge(const Worker& worker);
     void release(Worker& worker);
@@ -91,7 +95,6 @@ private:
     bool connectionLost;       // no ACK or NACK can be sent any more
     int wakeFd;                // written by each worker when it is done; -1 if none could be made
     pthread_attr_t workerAttributes;
-    size_t workerStack;        // the stack size workerAttributes carries
     std::vector<Worker> workers;
     std::vector<size_t> finished; // scratch for reaping: indexes into workers
     // A message whose worker could not be started yet; nothing more is read
@@ -102,7 +105,7 @@ private:
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
     : engine(e), generation(e->listenGeneration), locked(false), connectionLost(false),
-      wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), workerStack(0), waiting(nullptr) {
+      wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), waiting(nullptr) {
     pthread_attr_init(&workerAttributes);
 }
 
@@ -220,17 +223,18 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
 }
 
 bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
+    // Whole pages, and no less than the system allows.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t least = std::max(static_cast<size_t>(PTHREAD_STACK_MIN), kLeastWorkerStackSize);
     const size_t wanted = engine->workerStackSize;
-    if (wanted != workerStack) {
-        // Whole pages, and no less than the system allows.
-        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        const size_t least = static_cast<size_t>(PTHREAD_STACK_MIN);
-        size_t size = wanted < least ? least : wanted;
-        size = (size + page - 1) / page * page;
-        pthread_attr_setstacksize(&workerAttributes, size);
-        workerStack = wanted;
+    const size_t size = ((wanted < least ? least : wanted) + page - 1) / page * page;
+    WorkerStacks::Stack stack;
+    int rc = ENOMEM;
+    if (engine->workerStacks.take(size, &stack)) {
+        pthread_attr_setstack(&workerAttributes, stack.base, stack.size);
+        rc = pthread_create(data->thread, &workerAttributes, &Listener::listener_worker_func, data);
+        if (rc != 0) engine->workerStacks.give(stack);
     }
-    const int rc = pthread_create(data->thread, &workerAttributes, &Listener::listener_worker_func, data);
     if (rc != 0) {
         if (data != waiting) {
             engine->logError("Could not start a worker for message " + headerOrEmpty(*data->frame, "message-id") +
@@ -238,7 +242,7 @@ bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
         }
         return false;
     }
-    workers.push_back(Worker{data, false, nullptr});
+    workers.push_back(Worker{data, stack, false, nullptr});
     return true;
 }
 
@@ -333,7 +337,8 @@ void StompClientImpl::ListenLoop::reapFinished() {
     if (rc != 0) throw AprException(rc);
 }
 
-bool StompClientImpl::ListenLoop::awaitDone(Listener::WorkerData* data, unsigned graceUs) {
+bool StompClientImpl::ListenLoop::awaitDone(Worker& worker, unsigned graceUs) {
+    Listener::WorkerData* data = worker.data;
     // Waits for the worker's wake-up rather than sleeping the whole grace.
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
@@ -362,10 +367,10 @@ bool StompClientImpl::ListenLoop::awaitDone(Listener::WorkerData* data, unsigned
         pthread_mutex_unlock(data->mutex);
         return true;
     }
-    // The worker now owns its record and deletes it when done; its real
-    // handle is detached.
+    // The worker now owns its record and deletes it when done; the engine
+    // joins its thread once it has ended, and only then reuses its stack.
     data->abandoned = true;
-    pthread_detach(*data->thread);
+    engine->workerStacks.adopt(*data->thread, worker.stack);
     pthread_mutex_unlock(data->mutex);
     return false;
 }
@@ -382,7 +387,7 @@ void StompClientImpl::ListenLoop::resolve() {
     }
     for (Worker& worker : workers) {
         Listener::WorkerData* data = worker.data;
-        if (!worker.joined && !awaitDone(data, kWorkerGraceUs)) continue; // abandoned: the record is the worker's
+        if (!worker.joined && !awaitDone(worker, kWorkerGraceUs)) continue; // abandoned: the record is the worker's
         join(worker);
         const std::string id = headerOrEmpty(*data->frame, "message-id");
         const bool processed = worker.exitValue && *worker.exitValue == 0;
@@ -403,6 +408,7 @@ void StompClientImpl::ListenLoop::join(Worker& worker) {
     pthread_join(*worker.data->thread, &exitValue);
     worker.exitValue = static_cast<int*>(exitValue);
     worker.joined = true;
+    engine->workerStacks.give(worker.stack);
 }
 
 apr_status_t StompClientImpl::ListenLoop::acknowledge(const Worker& worker) {
