@@ -73,7 +73,7 @@ private:
         locked = false;
     }
 
-    void waitForWork();
+    bool waitForWork();
     void readAndDispatch();
     bool full() const { return waiting || static_cast<int>(workers.size()) >= engine->maxWorkers; }
     void dispatch(ServerFrame* frame);
@@ -130,7 +130,7 @@ void* StompClientImpl::listen_thread_worker(void* arg) {
 void StompClientImpl::ListenLoop::run() {
     for (;;) {
         try {
-            waitForWork();
+            const bool readable = waitForWork();
             // When the engine stops this thread it holds the lock and waits
             // for the thread to end; the thread then settles its workers
             // without taking the lock, which its stopper holds for it.
@@ -140,9 +140,10 @@ void StompClientImpl::ListenLoop::run() {
                 unlockEngine();
                 return;
             }
-            readAndDispatch();
+            // An idle pass only looks at the run flag: no read, no system call.
+            if (readable || waiting) readAndDispatch();
             unlockEngine();
-            reapFinished();
+            if (!workers.empty()) reapFinished();
         } catch (AprException& e) {
             std::ostringstream line;
             line << "while trying to listen for messages. Error " << e.apr_reason() << ": " << e.what();
@@ -160,17 +161,18 @@ void StompClientImpl::ListenLoop::run() {
     }
 }
 
-void StompClientImpl::ListenLoop::waitForWork() {
-    if (stopRequested()) return;
+bool StompClientImpl::ListenLoop::waitForWork() {
+    if (stopRequested()) return false;
     // At the bound the socket is left alone: the broker's frames wait there,
     // and TCP holds the broker back, until a worker finishes.
     const bool watchSocket = !full();
     int timeoutMs = kListenWaitMs;
     // Without an eventfd, finished workers are looked for every millisecond.
     if (wakeFd < 0 && !workers.empty()) timeoutMs = 1;
-    bool woken = false;
-    // A failure here (the connection went) shows again in the read below.
-    engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &woken);
+    bool readable = false, woken = false;
+    // A failure (the connection went) is left to the read to report.
+    if (engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &readable, &woken) != 0) return true;
+    return readable;
 }
 
 void StompClientImpl::ListenLoop::readAndDispatch() {
@@ -356,8 +358,8 @@ bool StompClientImpl::ListenLoop::awaitDone(Worker& worker, unsigned graceUs) {
             continue;
         }
         const int leftMs = static_cast<int>((graceUs - passedUs + 999) / 1000);
-        bool woken = false;
-        SocketIo::waitReadable(-1, wakeFd, leftMs, &woken);
+        bool unused = false, woken = false;
+        SocketIo::waitReadable(-1, wakeFd, leftMs, &unused, &woken);
         drainWakeUps();
     }
     // The grace is over: the worker is left to finish alone, unless it

@@ -43,15 +43,17 @@ apr_status_t SocketIo::waitFor(int fd, short events, const Deadline& deadline) {
     }
 }
 
-apr_status_t SocketIo::waitReadable(int socketFd, int wakeFd, int timeoutMs, bool* woken) {
+apr_status_t SocketIo::waitReadable(int socketFd, int wakeFd, int timeoutMs, bool* socketReady, bool* woken) {
     struct pollfd p[2];
     nfds_t count = 0;
     if (socketFd >= 0) p[count++] = {socketFd, POLLIN, 0};
     const nfds_t wakeIndex = count;
     if (wakeFd >= 0) p[count++] = {wakeFd, POLLIN, 0};
+    *socketReady = false;
     *woken = false;
     const int rc = ::poll(p, count, timeoutMs);
     if (rc < 0 && errno != EINTR) return errno;
+    if (rc > 0 && socketFd >= 0 && p[0].revents) *socketReady = true;
     if (rc > 0 && wakeFd >= 0 && p[wakeIndex].revents) *woken = true;
     return APR_SUCCESS;
 }

@@ -54,10 +54,11 @@ public:
 
     /**
      * Waits up to timeoutMs until socketFd (when >= 0) or wakeFd (when >= 0)
-     * is readable; *woken tells whether wakeFd was. A signal ends the wait
+     * is readable; *socketReady tells whether socketFd was (or reported an
+     * error or its end), *woken whether wakeFd was. A signal ends the wait
      * early, as a time-out does.
      */
-    static apr_status_t waitReadable(int socketFd, int wakeFd, int timeoutMs, bool* woken);
+    static apr_status_t waitReadable(int socketFd, int wakeFd, int timeoutMs, bool* socketReady, bool* woken);
 
     /** The descriptor of a runtime socket. */
     static int descriptor(apr_socket_t* socket);

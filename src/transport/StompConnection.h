@@ -89,10 +89,11 @@ public:
      * something (bytes already received but not parsed yet count at once),
      * or wakeFd (when >= 0) is readable, or timeoutMs passed. With
      * watchSocket false only wakeFd and the time-out end the wait. Sets
-     * *woken when wakeFd was readable. Meant for the one thread that reads:
-     * the socket must not be closed while it waits. 20011 when not connected.
+     * *readable when a read may find something, *woken when wakeFd was
+     * readable. Meant for the one thread that reads: the socket must not be
+     * closed while it waits. 20011 when not connected.
      */
-    apr_status_t waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* woken);
+    apr_status_t waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* readable, bool* woken);
 
     /** Safe to call from any thread. */
     bool isConnected() const { return connected; }

@@ -8,18 +8,23 @@
 namespace tavren {
 namespace internal {
 
-apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* woken) {
+apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* readable,
+                                           bool* woken) {
     int socketFd = -1;
+    *readable = false;
+    *woken = false;
     {
         Lock lock(mutex);
         if (lock.status() != APR_SUCCESS) return lock.status();
         if (!connected) return APR_ENOSOCKET;
-        *woken = false;
         // Received bytes that were not parsed yet may already hold a frame.
-        if (watchSocket && readStart < readEnd) return APR_SUCCESS;
+        if (watchSocket && readStart < readEnd) {
+            *readable = true;
+            return APR_SUCCESS;
+        }
         if (watchSocket) socketFd = SocketIo::descriptor(socket);
     }
-    return SocketIo::waitReadable(socketFd, wakeFd, timeoutMs, woken);
+    return SocketIo::waitReadable(socketFd, wakeFd, timeoutMs, readable, woken);
 }
 
 apr_status_t StompConnection::read(ServerFrame** out, bool block, long long* timeout) {

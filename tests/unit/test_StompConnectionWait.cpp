@@ -66,22 +66,25 @@ TEST_F(ConnectionWait, TcpNoDelayIsSetOnTheConnection) {
 }
 
 TEST_F(ConnectionWait, NothingToReadAndNoWakeUpTimesOut) {
-    bool woken = true;
-    EXPECT_EQ(connection.waitForInput(wake, true, 30, &woken), APR_SUCCESS);
+    bool readable = true, woken = true;
+    EXPECT_EQ(connection.waitForInput(wake, true, 30, &readable, &woken), APR_SUCCESS);
+    EXPECT_FALSE(readable);
     EXPECT_FALSE(woken);
 }
 
 TEST_F(ConnectionWait, AWakeUpEndsTheWaitAndIsReported) {
     signal();
-    bool woken = false;
-    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &woken), APR_SUCCESS);
+    bool readable = true, woken = false;
+    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &readable, &woken), APR_SUCCESS);
     EXPECT_TRUE(woken);
+    EXPECT_FALSE(readable);
 }
 
 TEST_F(ConnectionWait, BytesOnTheSocketEndTheWait) {
     ASSERT_TRUE(peer.send(std::string("MESSAGE\n\nx\0", 11)));
-    bool woken = true;
-    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &woken), APR_SUCCESS);
+    bool readable = false, woken = true;
+    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &readable, &woken), APR_SUCCESS);
+    EXPECT_TRUE(readable);
     EXPECT_FALSE(woken);
     ServerFrame* frame = nullptr;
     ASSERT_EQ(connection.read(&frame, false, nullptr), APR_SUCCESS);
@@ -92,15 +95,16 @@ TEST_F(ConnectionWait, ASecondFrameAlreadyReceivedIsNotWaitedFor) {
     // Both frames arrive in one piece; the first read takes both off the
     // socket, so only the connection knows that the second is there.
     ASSERT_TRUE(peer.send(std::string("MESSAGE\n\na\0MESSAGE\n\nb\0", 22)));
-    bool woken = false;
-    ASSERT_EQ(connection.waitForInput(wake, true, 5000, &woken), APR_SUCCESS);
+    bool readable = false, woken = false;
+    ASSERT_EQ(connection.waitForInput(wake, true, 5000, &readable, &woken), APR_SUCCESS);
     ServerFrame* first = nullptr;
     ASSERT_EQ(connection.read(&first, false, nullptr), APR_SUCCESS);
     std::unique_ptr<ServerFrame> firstOwned(first);
     EXPECT_STREQ(first->body(), "a");
     // The socket is empty now; a wait must still return at once (the time-out
     // would fail the read below with nothing to read).
-    EXPECT_EQ(connection.waitForInput(wake, true, 60000, &woken), APR_SUCCESS);
+    EXPECT_EQ(connection.waitForInput(wake, true, 60000, &readable, &woken), APR_SUCCESS);
+    EXPECT_TRUE(readable);
     ServerFrame* second = nullptr;
     ASSERT_EQ(connection.read(&second, false, nullptr), APR_SUCCESS);
     std::unique_ptr<ServerFrame> secondOwned(second);
@@ -109,18 +113,19 @@ TEST_F(ConnectionWait, ASecondFrameAlreadyReceivedIsNotWaitedFor) {
 
 TEST_F(ConnectionWait, WithoutWatchingTheSocketOnlyAWakeUpEndsTheWait) {
     ASSERT_TRUE(peer.send(std::string("MESSAGE\n\nx\0", 11)));
-    bool woken = true;
-    EXPECT_EQ(connection.waitForInput(wake, false, 50, &woken), APR_SUCCESS);
+    bool readable = true, woken = true;
+    EXPECT_EQ(connection.waitForInput(wake, false, 50, &readable, &woken), APR_SUCCESS);
+    EXPECT_FALSE(readable);
     EXPECT_FALSE(woken);
     signal();
-    EXPECT_EQ(connection.waitForInput(wake, false, 5000, &woken), APR_SUCCESS);
+    EXPECT_EQ(connection.waitForInput(wake, false, 5000, &readable, &woken), APR_SUCCESS);
     EXPECT_TRUE(woken);
 }
 
 TEST(ConnectionWaitUnconnected, ReportsNotConnected) {
     StompConnection connection;
-    bool woken = false;
-    EXPECT_EQ(connection.waitForInput(-1, true, 10, &woken), APR_ENOSOCKET);
+    bool readable = false, woken = false;
+    EXPECT_EQ(connection.waitForInput(-1, true, 10, &readable, &woken), APR_ENOSOCKET);
 }
 
 } // namespace
