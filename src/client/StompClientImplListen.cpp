@@ -20,6 +20,7 @@
 #include <cstring>
 #include <ctime>
 #include <limits.h>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -86,6 +87,8 @@ private:
     bool awaitDone(Worker& worker, unsigned graceUs);
     void join(Worker& worker);
     apr_status_t acknowledge(const Worker& worker);
+    AckFrame* answerFor(const Worker& worker);
+    std::string failureLine(const Worker& worker) const;
     void release(Worker& worker);
     void drainWakeUps();
 
@@ -316,19 +319,31 @@ void StompClientImpl::ListenLoop::reapFinished() {
     for (size_t i : finished) join(workers[i]);
     if (!lockEngine()) return; // the engine is stopping this thread; resolving acknowledges them
 
-    // Every ACK and NACK in one hold of the lock, in the order the messages came.
-    size_t acknowledged = 0;
-    apr_status_t rc = 0;
-    for (; acknowledged < finished.size(); ++acknowledged) {
-        rc = acknowledge(workers[finished[acknowledged]]);
-        if (rc != 0) break;
+    // Every ACK and NACK in one hold of the lock and one write, in the order
+    // the messages came: the bytes are those of the frames one after another.
+    std::vector<std::unique_ptr<AckFrame>> answers;
+    std::vector<ClientFrame*> frames;
+    size_t firstWritten = finished.size();
+    for (size_t k = 0; k < finished.size(); ++k) {
+        answers.emplace_back(answerFor(workers[finished[k]]));
+        if (!answers.back()) continue;
+        frames.push_back(answers.back().get());
+        if (firstWritten == finished.size()) firstWritten = k;
     }
+    apr_status_t rc = 0;
+    if (!frames.empty()) rc = engine->connection->writeFrames(frames.data(), frames.size(), nullptr);
+    if (rc != 0) engine->logError(failureLine(workers[finished[firstWritten]]));
     unlockEngine();
-    // The settled ones leave the list; one whose answer could not be written
-    // stays in it, and so do those behind it.
+    // The settled ones leave the list; when the write failed, those it
+    // carried stay in it (the ones that could not be answered are settled).
     size_t next = 0, kept = 0;
     for (size_t i = 0; i < workers.size(); ++i) {
-        if (next < acknowledged && finished[next] == i) {
+        if (next < finished.size() && finished[next] == i) {
+            if (rc != 0 && answers[next]) {
+                workers[kept++] = workers[i];
+                ++next;
+                continue;
+            }
             release(workers[i]);
             ++next;
         } else {
@@ -413,25 +428,32 @@ void StompClientImpl::ListenLoop::join(Worker& worker) {
     engine->workerStacks.give(worker.stack);
 }
 
-apr_status_t StompClientImpl::ListenLoop::acknowledge(const Worker& worker) {
-    // Called with the engine lock held (or held for this thread).
-    const ServerFrame& message = *worker.data->frame;
+std::string StompClientImpl::ListenLoop::failureLine(const Worker& worker) const {
     const bool processed = worker.exitValue && *worker.exitValue == 0;
-    const AckFrame::AcknowledgeState state = processed ? AckFrame::ACK : AckFrame::NACK;
-    const std::string failed = std::string(processed ? "Failed to ACK message: " : "Failed to NACK message: ") +
-                               headerOrEmpty(message, "message-id");
-    apr_status_t rc = 0;
+    return std::string(processed ? "Failed to ACK message: " : "Failed to NACK message: ") +
+           headerOrEmpty(*worker.data->frame, "message-id");
+}
+
+AckFrame* StompClientImpl::ListenLoop::answerFor(const Worker& worker) {
+    // Called with the engine lock held (or held for this thread).
+    const bool processed = worker.exitValue && *worker.exitValue == 0;
     try {
         if (!engine->session) throw std::out_of_range("no session");
-        AckFrame frame(&message, engine->session.get(), state);
-        rc = engine->connection->write(&frame, nullptr);
+        return new AckFrame(worker.data->frame.get(), engine->session.get(), processed ? AckFrame::ACK : AckFrame::NACK);
     } catch (std::out_of_range&) {
         // A MESSAGE without the header an ACK must carry cannot be answered;
         // the connection is fine, so the message is only logged.
-        engine->logError(failed);
-        return 0;
+        engine->logError(failureLine(worker));
+        return nullptr;
     }
-    if (rc != 0) engine->logError(failed);
+}
+
+apr_status_t StompClientImpl::ListenLoop::acknowledge(const Worker& worker) {
+    // Called with the engine lock held (or held for this thread).
+    std::unique_ptr<AckFrame> frame(answerFor(worker));
+    if (!frame) return 0;
+    const apr_status_t rc = engine->connection->write(frame.get(), nullptr);
+    if (rc != 0) engine->logError(failureLine(worker));
     return rc;
 }
 

@@ -4,7 +4,6 @@
 
 #include <apr_strings.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -20,8 +19,8 @@ char kFrameEnd[] = {'\0', '\n'};
 // Enough for a frame with 14 headers.
 const size_t kPiecesOnStack = 64;
 
-// Frames up to this size are joined into one buffer before they are sent.
-const size_t kJoinLimit = 2048;
+// Frames up to this size in all are joined into one buffer before they are sent.
+const size_t kJoinLimit = 4096;
 
 struct iovec piece(const char* data, size_t length) {
     struct iovec v;
@@ -179,18 +178,20 @@ apr_status_t StompConnection::disconnect() {
     return internalDisconnect();
 }
 
-apr_status_t StompConnection::write(ClientFrame* frame, long long* timeout) {
+apr_status_t StompConnection::write(ClientFrame* frame, long long* timeout) { return writeFrames(&frame, 1, timeout); }
+
+apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t frameCount, long long* timeout) {
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
     if (!connected) return APR_ENOSOCKET;
     apr_status_t rc = setTimeout(timeout);
     if (rc != APR_SUCCESS) return rc;
 
-    // The frame goes out in one vectored send, straight from its strings.
-    // The pieces of a usual frame fit on the stack; a frame with many
-    // headers takes them from the heap.
-    const HeaderMap& headers = frame->headers();
-    const size_t needed = 4 * headers.size() + 5;
+    // The frames go out in one vectored send, straight from their strings.
+    // The pieces of usual frames fit on the stack; frames with many headers
+    // take them from the heap.
+    size_t needed = 0;
+    for (size_t f = 0; f < frameCount; ++f) needed += 4 * frames[f]->headers().size() + 5;
     struct iovec onStack[kPiecesOnStack];
     std::vector<struct iovec> onHeap;
     struct iovec* pieces = onStack;
@@ -199,19 +200,22 @@ apr_status_t StompConnection::write(ClientFrame* frame, long long* timeout) {
         pieces = onHeap.data();
     }
     size_t count = 0;
-    pieces[count++] = piece(frame->command().c_str(), std::strlen(frame->command().c_str()));
-    pieces[count++] = piece(kLineFeed, 1);
-    for (HeaderMap::const_iterator it = headers.begin(); it != headers.end(); ++it) {
-        pieces[count++] = piece(it->first.data(), it->first.size());
-        pieces[count++] = piece(kColon, 1);
-        pieces[count++] = piece(it->second.data(), it->second.size());
+    for (size_t f = 0; f < frameCount; ++f) {
+        const ClientFrame* frame = frames[f];
+        pieces[count++] = piece(frame->command().c_str(), std::strlen(frame->command().c_str()));
         pieces[count++] = piece(kLineFeed, 1);
+        for (HeaderMap::const_iterator it = frame->headers().begin(); it != frame->headers().end(); ++it) {
+            pieces[count++] = piece(it->first.data(), it->first.size());
+            pieces[count++] = piece(kColon, 1);
+            pieces[count++] = piece(it->second.data(), it->second.size());
+            pieces[count++] = piece(kLineFeed, 1);
+        }
+        pieces[count++] = piece(kLineFeed, 1);
+        if (frame->body()) pieces[count++] = piece(frame->body(), std::strlen(frame->body()));
+        pieces[count++] = piece(kFrameEnd, sizeof kFrameEnd);
     }
-    pieces[count++] = piece(kLineFeed, 1);
-    if (frame->body()) pieces[count++] = piece(frame->body(), std::strlen(frame->body()));
-    pieces[count++] = piece(kFrameEnd, sizeof kFrameEnd);
 
-    // A small frame is copied into one buffer first: the kernel walks a
+    // Small frames are copied into one buffer first: the kernel walks a
     // single piece faster than fifteen, and the copy costs less than that.
     char joined[kJoinLimit];
     struct iovec whole;

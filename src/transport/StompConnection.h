@@ -63,6 +63,12 @@ public:
      */
     apr_status_t write(ClientFrame* frame, long long* timeout);
 
+    /**
+     * Writes frameCount frames one after another, as write() writes each,
+     * in one go: several ACKs ready at once leave in one send.
+     */
+    apr_status_t writeFrames(ClientFrame* const* frames, size_t frameCount, long long* timeout);
+
     /** Writes one LF. A failure to send is ignored; the result is that of restoring the time-out. */
     apr_status_t sendHeartbeat(long long* timeout);
 

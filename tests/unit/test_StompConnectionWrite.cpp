@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 #include <thread>
 
 using tavren::internal::StompConnection;
@@ -35,6 +36,30 @@ TEST_F(ConnectionWrite, NoHeadersAndNoBody) {
     TestFrame frame("DISCONNECT");
     ASSERT_EQ(0, connection.write(&frame, nullptr));
     EXPECT_EQ(bytes("DISCONNECT\n\n\0\n"), peer.receive(14));
+}
+
+TEST_F(ConnectionWrite, SeveralFramesGoOutOneAfterAnotherAsEachAlone) {
+    TestFrame first("ACK"), second("NACK");
+    first.header("id", "m-1");
+    second.header("id", "m-2");
+    tavren::internal::ClientFrame* frames[] = {&first, &second};
+    ASSERT_EQ(0, connection.writeFrames(frames, 2, nullptr));
+    EXPECT_EQ(bytes("ACK\nid:m-1\n\n\0\nNACK\nid:m-2\n\n\0\n"), peer.receive(29));
+    EXPECT_EQ("", peer.receiveAvailable(50)) << "nothing more than the frames";
+}
+
+TEST_F(ConnectionWrite, ManyFramesBeyondTheJoinedBufferArriveWhole) {
+    std::vector<TestFrame> acks;
+    std::string expected;
+    for (int i = 0; i < 200; ++i) {
+        acks.emplace_back("ACK");
+        acks.back().header("id", "message-" + std::to_string(i));
+        expected += "ACK\nid:message-" + std::to_string(i) + "\n\n" + std::string("\0\n", 2);
+    }
+    std::vector<tavren::internal::ClientFrame*> frames;
+    for (TestFrame& f : acks) frames.push_back(&f);
+    ASSERT_EQ(0, connection.writeFrames(frames.data(), frames.size(), nullptr));
+    EXPECT_EQ(expected, peer.receive(expected.size()));
 }
 
 TEST_F(ConnectionWrite, EmptyBodyIsWrittenLikeNoBody) {
