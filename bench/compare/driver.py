@@ -4,7 +4,9 @@
 Started by scripts/bench.sh, which builds the programs and starts the
 brokers. Every client is a separate program with the same command line
 (MODE HOST PORT VERSION QUEUE N [EXTRA]) and output ("READY", "GOT",
-"RESULT {json}"); see bench/compare/floor_client.cpp.
+"RESULT {json}"); see bench/compare/floor_client.cpp. The send workloads
+also run the floor client with FLOOR_BATCH=1 (one frame per write) as
+"floor (1 write per frame)".
 
 Environment: BENCH_REPS (3), BENCH_N (20000), BENCH_BACKLOG_N (100000),
 BENCH_RT (1000), BENCH_ONLY=workload,... (send, send-discard, receive,
@@ -36,6 +38,12 @@ STALL = float(os.environ.get("BENCH_STALL_S", "10"))  # a receive without a new 
 ALL_WORKLOADS = ["send", "send-discard", "receive", "roundtrip", "ackdelay", "footprint", "backlog"]
 ONLY = [w for w in os.environ.get("BENCH_ONLY", "").split(",") if w] or ALL_WORKLOADS
 CLIENTS = ["floor", "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
+# The floor a second time, writing one frame per write, for the send workloads
+# only: the limit for a client whose send call puts its frame on the wire
+# before it returns (the batched floor is the limit of the socket).
+FLOOR1 = "floor (1 write per frame)"
+SEND_CLIENTS = ["floor", FLOOR1, "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
+CLIENT_ENV = {FLOOR1: {"FLOOR_BATCH": "1"}}
 OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp"]
 BACKLOG_CLIENTS = [c for c in os.environ.get("BENCH_BACKLOG_CLIENTS", "floor,libtavren").split(",") if c]
 BROKERS = {"rabbitmq": int(os.environ.get("TAVREN_RABBITMQ_PORT", "61623")),
@@ -44,7 +52,7 @@ BROKER_NAMES = {"rabbitmq": "RabbitMQ", "activemq": "ActiveMQ", "discard": "disc
 # The version each client offers: 1.2 to RabbitMQ; 1.1 to ActiveMQ, which
 # refuses libtavren's 1.2 ACK (docs/brokers.md) and where 1.1 serves every client.
 VERSIONS = {"rabbitmq": "1.2", "activemq": "1.1", "discard": "1.2"}
-SHORT = {"floor": "floor", "libtavren": "tavren", "stomp.py": "stomppy", "Net::Stomp": "netstomp",
+SHORT = {"floor": "floor", FLOOR1: "floor1", "libtavren": "tavren", "stomp.py": "stomppy", "Net::Stomp": "netstomp",
          "ruby-stomp": "rubystomp"}
 for w in ONLY:
     if w not in ALL_WORKLOADS:
@@ -63,6 +71,7 @@ def client_cmd(client, mode, port, version, q, n, extra=None):
     scripts = os.path.join(HERE, "clients")
     head = {
         "floor": [os.path.join(BIN, "floor_client")],
+        FLOOR1: [os.path.join(BIN, "floor_client")],  # with CLIENT_ENV
         "libtavren": [os.path.join(BIN, "tavren_client")],
         "stomp.py": ["/usr/bin/python3", os.path.join(scripts, "stomp_py.py")],
         "Net::Stomp": ["/usr/bin/perl", os.path.join(scripts, "net_stomp.pl")],
@@ -222,8 +231,9 @@ def run_send(broker, client, rep):
     version = VERSIONS[broker]
     q = "bench-%s-%s-%d-%d" % ("senddiscard" if discard else "send", SHORT[client], rep, PID)
     name = "send-%s-%s-%d" % (broker, SHORT[client], rep)
-    p = Proc(client_cmd(client, "send", port, version, q, N), name, 300,
-             {"BENCH_TAVREN_LOG": os.path.join(WORK, "logs", name + ".tavren.log")})
+    env = {"BENCH_TAVREN_LOG": os.path.join(WORK, "logs", name + ".tavren.log")}
+    env.update(CLIENT_ENV.get(client, {}))
+    p = Proc(client_cmd(client, "send", port, version, q, N), name, 300, env)
     p.finish(320)
     r = p.result()
     out = {"cpu_s": p.cpu()}
@@ -443,14 +453,15 @@ def main():
         for rep in range(1, REPS + 1):
             log("repetition %d of %d" % (rep, REPS))
             order = rotated(CLIENTS, rep - 1)
+            send_order = rotated(SEND_CLIENTS, rep - 1)
             for workload in [w for w in ALL_WORKLOADS if w in ONLY]:
                 if workload == "send-discard":
-                    for client in order:
+                    for client in send_order:
                         record(results, workload, "discard", client, rep, run_send("discard", client, rep))
                     continue
                 for broker in BROKERS:
                     if workload == "send":
-                        for client in order:
+                        for client in send_order:
                             record(results, workload, broker, client, rep, run_send(broker, client, rep))
                     elif workload == "receive":
                         for client in order:

@@ -7,6 +7,11 @@
 //
 //   floor_client MODE HOST PORT VERSION QUEUE N [EXTRA]
 //
+// FLOOR_BATCH=BYTES (environment) is the size from which gathered SEND frames
+// are written (default 65536). FLOOR_BATCH=1 writes every frame on its own, as
+// a client does whose send call puts its frame on the wire before it returns:
+// the comparison runs the send workloads this way too, as a second floor.
+//
 // MODE:
 //   send       N messages of 100 bytes, then a SUBSCRIBE to QUEUE-ctl with a
 //              receipt; the clock runs from the first write to the receipt

@@ -12,6 +12,8 @@ import sys
 import time
 
 CLIENTS = ["floor", "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
+# The floor writing one frame per write; measured for send and send-discard only.
+FLOOR1 = "floor (1 write per frame)"
 OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp"]
 BROKER_NAMES = {"rabbitmq": "RabbitMQ", "activemq": "ActiveMQ", "discard": "discard"}
 BOTH = ["rabbitmq", "activemq"]
@@ -59,8 +61,15 @@ def cell_values(results, workload, broker, client, key):
     return values, errors, len(runs)
 
 
+def columns(results):
+    """The clients of the table: the per-frame floor after the floor when the run has it."""
+    has_floor1 = any(FLOOR1 in clients for brokers in results.values() for clients in brokers.values())
+    return CLIENTS[:1] + [FLOOR1] + CLIENTS[1:] if has_floor1 else CLIENTS
+
+
 def summary_rows(results):
-    """Rows of (label, broker, {client: (median, flagged)}, tavren/floor, tavren/best other, kind)."""
+    """Rows of (label, broker, {client: (median, flagged, values)}, tavren/floor, tavren/best other, best other,
+    kind, better, tavren/per-frame floor); the last is None where the per-frame floor was not measured."""
     rows = []
     for workload, key, label, better, kind in METRICS:
         if workload not in results:
@@ -69,7 +78,7 @@ def summary_rows(results):
             if broker not in results[workload]:
                 continue
             cells = {}
-            for client in CLIENTS:
+            for client in columns(results):
                 values, errors, runs = cell_values(results, workload, broker, client, key)
                 if runs == 0:
                     continue
@@ -78,17 +87,20 @@ def summary_rows(results):
                 continue
             tav = cells.get("libtavren", (None,))[0]
             flo = cells.get("floor", (None,))[0]
-            ratio_floor = ratio_best = None
+            flo1 = cells.get(FLOOR1, (None,))[0]
+            ratio_floor = ratio_best = ratio_floor1 = None
             best_name = None
             if better and tav is not None:
                 if flo:
                     ratio_floor = tav / flo
+                if flo1:
+                    ratio_floor1 = tav / flo1
                 others = [(cells[c][0], c) for c in OTHERS if c in cells and cells[c][0] is not None]
                 if others:
                     best, best_name = (max if better == "high" else min)(others)
                     if best:
                         ratio_best = tav / best
-            rows.append((label, broker, cells, ratio_floor, ratio_best, best_name, kind, better))
+            rows.append((label, broker, cells, ratio_floor, ratio_best, best_name, kind, better, ratio_floor1))
     return rows
 
 
@@ -96,34 +108,43 @@ def ratio_text(r):
     return "–" if r is None else "%.2f×" % r
 
 
-def table_markdown(rows):
-    lines = ["| figure | broker | " + " | ".join(CLIENTS) + " | libtavren ÷ floor | libtavren ÷ best other |",
-             "|---|---|" + "---:|" * len(CLIENTS) + "---:|---:|"]
-    for label, broker, cells, rf, rb, best_name, kind, better in rows:
+def table_markdown(rows, clients):
+    with1 = FLOOR1 in clients
+    lines = ["| figure | broker | " + " | ".join(clients) + " | libtavren ÷ floor |"
+             + (" libtavren ÷ floor (1 write per frame) |" if with1 else "") + " libtavren ÷ best other |",
+             "|---|---|" + "---:|" * len(clients) + "---:|" + ("---:|" if with1 else "") + "---:|"]
+    for label, broker, cells, rf, rb, best_name, kind, better, rf1 in rows:
         row = ["%s%s" % (label, "" if better is None else (" ↑" if better == "high" else " ↓")), BROKER_NAMES[broker]]
-        for client in CLIENTS:
+        for client in clients:
             if client not in cells:
                 row.append("")
                 continue
             median, flagged, _ = cells[client]
             row.append(fmt(median, kind) + (" (!)" if flagged else ""))
         row.append(ratio_text(rf))
+        if with1:
+            row.append(ratio_text(rf1) if FLOOR1 in cells else "")
         row.append(ratio_text(rb) + (" (%s)" % best_name if rb is not None else ""))
         lines.append("| " + " | ".join(row) + " |")
     return "\n".join(lines)
 
 
-def table_text(rows):
-    head = ["figure", "broker"] + CLIENTS + ["tav/floor", "tav/best"]
+def table_text(rows, clients):
+    with1 = FLOOR1 in clients
+    head = ["figure", "broker"] + ["floor1" if c == FLOOR1 else c for c in clients] \
+        + ["tav/floor"] + (["tav/floor1"] if with1 else []) + ["tav/best"]
     body = []
-    for label, broker, cells, rf, rb, best_name, kind, better in rows:
+    for label, broker, cells, rf, rb, best_name, kind, better, rf1 in rows:
         row = [label, BROKER_NAMES[broker]]
-        for client in CLIENTS:
+        for client in clients:
             if client not in cells:
                 row.append("")
             else:
                 row.append(fmt(cells[client][0], kind) + ("!" if cells[client][1] else ""))
-        row += [ratio_text(rf), ratio_text(rb)]
+        row.append(ratio_text(rf))
+        if with1:
+            row.append(ratio_text(rf1) if FLOOR1 in cells else "")
+        row.append(ratio_text(rb))
         body.append(row)
     widths = [max(len(str(r[i])) for r in [head] + body) for i in range(len(head))]
     out = []
@@ -136,7 +157,7 @@ def raw_markdown(results):
     lines = []
     for workload, key, label, better, kind in METRICS:
         for broker in (["discard"] if workload == "send-discard" else BOTH):
-            for client in CLIENTS:
+            for client in columns(results):
                 runs = results.get(workload, {}).get(broker, {}).get(client, [])
                 if not runs:
                     continue
@@ -189,14 +210,23 @@ def machine():
     }
 
 
+PLOT_TITLES = {"floor": "raw floor (C++)", FLOOR1: "raw floor, 1 write per frame", "libtavren": "libtavren",
+               "stomp.py": "stomp.py", "Net::Stomp": "Net::Stomp", "ruby-stomp": "ruby stomp gem"}
+# Each client keeps its colour whether the per-frame floor is there or not; that one is a lighter floor.
+PLOT_COLOURS = {"floor": "lt 1", FLOOR1: "lc rgb '#c9a7eb'", "libtavren": "lt 2", "stomp.py": "lt 3",
+                "Net::Stomp": "lt 4", "ruby-stomp": "lt 5"}
+
+
 def plot(results, path):
     """Grouped bars: messages per second per client for send and receive on both brokers."""
     groups = [("send", "rabbitmq", "send\\nRabbitMQ"), ("send", "activemq", "send\\nActiveMQ"),
               ("receive", "rabbitmq", "receive + ACK\\nRabbitMQ"), ("receive", "activemq", "receive + ACK\\nActiveMQ")]
+    # The per-frame floor was measured for the send groups only: NaN, no bar, in the others.
+    clients = columns(results)
     data = []
     for workload, broker, title in groups:
         row = ['"%s"' % title]
-        for client in CLIENTS:
+        for client in clients:
             values, _, _ = cell_values(results, workload, broker, client, "rate")
             row.append("%.1f" % statistics.median(values) if values else "NaN")
         data.append(" ".join(row))
@@ -219,9 +249,11 @@ set yrange [0:*]
 set key outside top center horizontal
 set bmargin 5
 set xtics nomirror
-plot '%(dat)s' using 2:xtic(1) title 'raw floor (C++)', '' using 3 title 'libtavren', \\
-     '' using 4 title 'stomp.py', '' using 5 title 'Net::Stomp', '' using 6 title 'ruby stomp gem'
-""" % {"png": path, "dat": base + ".dat"}
+plot %(series)s
+""" % {"png": path, "series": ", \\\n     ".join(
+        "%s using %d%s %s title '%s'" % ("'%s'" % (base + ".dat") if i == 0 else "''", i + 2,
+                                         ":xtic(1)" if i == 0 else "", PLOT_COLOURS[c], PLOT_TITLES[c])
+        for i, c in enumerate(clients))}
     r = subprocess.run(["gnuplot"], input=script, text=True, capture_output=True)
     os.remove(base + ".dat")
     if r.returncode != 0:
@@ -236,14 +268,27 @@ METHOD = """\
   gathering up to 64 KiB into one write, reads through one buffered reader
   that parses in place, and writes the ACKs for all messages of one read in
   one write. It shows the limit of the path (broker, loopback, kernel), not of
-  a client. *libtavren*: `bench/compare/tavren_client.cpp`, the public headers
-  only (`<tavren/tavren.h>`), linked against the built `libtavren.so`, with the
+  a client. *floor (1 write per frame)*: the same program with `FLOOR_BATCH=1`,
+  for send and send-discard only, interleaved with the others: every SEND
+  frame goes out in a write of its own. *libtavren*:
+  `bench/compare/tavren_client.cpp`, the public headers only
+  (`<tavren/tavren.h>`), linked against the built `libtavren.so`, with the
   library's defaults (workers, stack size); its log goes to a file.
   *stomp.py* (python3-stomp), *Net::Stomp* (libnet-stomp-perl) and the *Ruby
   stomp gem* (ruby-stomp): `bench/compare/clients/`, each used the way its
   documentation shows. Every client offers 1.2 to RabbitMQ and 1.1 to ActiveMQ
   (ActiveMQ refuses libtavren's 1.2 ACK, see `docs/brokers.md`; 1.1 works for
   every client there) and 1.2 to the discard server.
+- **Two floors for sending.** The batched floor is the limit of the socket:
+  what the path takes when frames are gathered into large writes. A client
+  whose send call puts its frame on the wire before it returns, as
+  libtavren's `sendToQueue` does and as the send calls of the other three
+  clients do, cannot gather frames of several calls; it pays at least one
+  write (one system call, and on loopback the broker's wake-up) per frame.
+  The floor writing one frame per write is the limit for such a client, and
+  libtavren's ratio to it shows what the library adds on top of that write;
+  the ratio to the batched floor also contains the price of the promise
+  itself. For the other figures only the batched floor is measured.
 - **TCP_NODELAY** is on for every client: libtavren sets it, the floor sets it
   so that it is compared on the same terms, the Ruby gem sets it by default,
   and the stomp.py and Net::Stomp clients set it on the library's socket after
@@ -263,7 +308,7 @@ METHOD = """\
   receipt on the last SEND would mean something else on RabbitMQ, which
   answers it only once the message is confirmed. The queue is then drained
   and must hold exactly N messages. Here the broker sets the pace, so the
-  floor is not a strict ceiling, and the repetitions scatter widely (see
+  floors are not strict ceilings, and the repetitions scatter widely (see
   "Every repetition").
 - **send-discard**: the same into `bench/compare/discard_server.cpp`, which
   answers CONNECT with CONNECTED ("server", "version", "heart-beat",
@@ -313,8 +358,9 @@ METHOD = """\
 def write(results, elapsed, meta=None):
     meta = meta or {}
     rows = summary_rows(results)
+    clients = columns(results)
     print()
-    print(table_text(rows))
+    print(table_text(rows, clients))
     print()
     print("Run time: %.1f minutes" % (elapsed / 60.0))
     out = os.environ.get("BENCH_OUT")
@@ -392,7 +438,7 @@ Medians of the repetitions. ↑: higher is better, ↓: lower is better.
         "rabbit": m["pkgs"]["rabbitmq-server"], "amq": m["pkgs"]["activemq"],
         "pystomp": m["pkgs"]["python3-stomp"], "netstomp": m["pkgs"]["libnet-stomp-perl"],
         "rubystomp": m["pkgs"]["ruby-stomp"], "gxx": m["pkgs"]["g++"], "lib": lib or "this tree",
-        "table": table_markdown(rows),
+        "table": table_markdown(rows, clients),
         "plot": "![messages per second per client](performance.png)" if plotted else "",
         "errors": errors_markdown(results),
         "method": method,
