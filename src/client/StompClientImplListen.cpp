@@ -96,6 +96,7 @@ private:
     const unsigned generation; // the connection this thread serves
     bool locked;               // this thread holds the engine lock
     bool connectionLost;       // no ACK or NACK can be sent any more
+    bool boundReported;        // the bound on workers has been reached (and logged) on this connection
     int wakeFd;                // written by each worker when it is done; -1 if none could be made
     pthread_attr_t workerAttributes;
     std::vector<Worker> workers;
@@ -107,7 +108,7 @@ private:
 };
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
-    : engine(e), generation(e->listenGeneration), locked(false), connectionLost(false),
+    : engine(e), generation(e->listenGeneration), locked(false), connectionLost(false), boundReported(false),
       wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), waiting(nullptr) {
     pthread_attr_init(&workerAttributes);
 }
@@ -169,6 +170,12 @@ bool StompClientImpl::ListenLoop::waitForWork() {
     // At the bound the socket is left alone: the broker's frames wait there,
     // and TCP holds the broker back, until a worker finishes.
     const bool watchSocket = !full();
+    if (!watchSocket && !waiting && !boundReported) {
+        // Once a connection: under a steady stream the bound is met often.
+        boundReported = true;
+        engine->logInfo("All " + std::to_string(workers.size()) +
+                        " message workers are busy: reading from the broker pauses until one finishes.");
+    }
     int timeoutMs = kListenWaitMs;
     // Without an eventfd, finished workers are looked for every millisecond.
     if (wakeFd < 0 && !workers.empty()) timeoutMs = 1;

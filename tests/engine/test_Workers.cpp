@@ -62,6 +62,9 @@ TEST_F(Workers, NoMoreListenerCallsRunAtOnceThanTheBound) {
     EXPECT_EQ(acknowledged(), ids);
     EXPECT_EQ(sent("ACK").size(), 6u); // each exactly once
     expectNothingLeftUnacknowledged();
+    // Said once a connection, however often the bound is met.
+    EXPECT_EQ(log.count("INFO: All 2 message workers are busy: reading from the broker pauses until one finishes."),
+              1u);
 }
 
 TEST_F(Workers, SixteenCallsRunAtOnceByDefault) {
