@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Building the frames of a send and of an acknowledgement, and starting a
 // message worker, each beside the simpler way of doing the same where there
 // is one. Compare ratios within one run, not absolute times.

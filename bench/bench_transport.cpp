@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading and writing frames on a loopback TCP connection, measured against
 // the simplest way of doing the same: one receive call per byte and one send
 // call per piece of a frame. Both sides of each pair run in the same process

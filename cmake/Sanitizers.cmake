@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sanitizer builds. Only one of them at a time: ASan and TSan cannot share a process.
 if(TAVREN_ASAN AND TAVREN_TSAN)
   message(FATAL_ERROR "TAVREN_ASAN and TAVREN_TSAN cannot be combined")

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A minimal STOMP broker for the demo: one client at a time on 127.0.0.1.
 // It answers CONNECT with CONNECTED, SUBSCRIBE/UNSUBSCRIBE/DISCONNECT with a
 // RECEIPT when one is asked for, and hands every SEND to the subscriber of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small application of libtavren, written against the public headers only.
 // It connects to a broker, listens on a queue, sends a few messages to that
 // queue, prints each message its listener receives and the library's log,
@@ -80,9 +81,8 @@ int main(int argc, char** argv) {
 
     PrintingLogger logger;
     PrintingListener listener;
-    tavren::StompClient* client =
-        argc > 6 ? new tavren::StompClient(host, port, argv[5], argv[6], &logger, nullptr)
-                 : new tavren::StompClient(host, port, &logger, nullptr);
+    tavren::StompClient* client = argc > 6 ? new tavren::StompClient(host, port, argv[5], argv[6], &logger, nullptr)
+                                           : new tavren::StompClient(host, port, &logger, nullptr);
 
     std::printf("connecting to %s:%d (STOMP 1.2)\n", host.c_str(), port);
     client->openConnection(1000, kelvra::utility::Version("1.2"));

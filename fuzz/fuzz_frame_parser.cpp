@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libFuzzer target for the frame parser. The input is split into pieces whose
 // sizes come from its own bytes; the frames and results obtained piece by
 // piece must be exactly those obtained from the whole input at once, and
@@ -44,8 +45,7 @@ Outcome run(const uint8_t* data, size_t size, const std::vector<size_t>& pieces)
         size_t off = 0;
         while (off < n) {
             size_t used = 0;
-            const FrameParser::Result r =
-                parser.parse(reinterpret_cast<const char*>(data) + pos + off, n - off, &used);
+            const FrameParser::Result r = parser.parse(reinterpret_cast<const char*>(data) + pos + off, n - off, &used);
             off += used;
             if (r == FrameParser::INCOMPLETE) {
                 if (off != n) std::abort(); // INCOMPLETE takes every byte

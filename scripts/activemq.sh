@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Starts or stops an ActiveMQ broker with STOMP for libtavren's tests.
 #
 #   scripts/activemq.sh start | stop | status

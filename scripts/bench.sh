@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Benchmarks libtavren against a raw-socket floor and three STOMP clients of
 # other languages (stomp.py, Net::Stomp, the Ruby stomp gem) on RabbitMQ and
 # ActiveMQ, and writes docs/performance.md and docs/performance.png. Not part

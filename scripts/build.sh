@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Configures and builds one flavour of the tree.
 #   scripts/build.sh DIR [CMAKE OPTIONS...]
 set -euo pipefail

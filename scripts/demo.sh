@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The main job: builds libtavren, starts RabbitMQ with STOMP on loopback and
 # runs the example application against it: it sends messages to a queue and
 # prints each one as its listener receives it, with the library's own log

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the brokers that the demo and the integration tests talk to:
 # Debian's rabbitmq-server (its STOMP plugin ships with it) and activemq.
 # Works as root on Debian 12 without systemd; skips apt when both are there.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs what building and testing libtavren needs (Debian 12, as root).
 # Skips apt entirely when everything is already there.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Starts or stops a RabbitMQ broker with STOMP for libtavren's demo and tests.
 #
 #   scripts/rabbitmq.sh start | stop | status

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the whole test suite: a plain build, then the same tests built with
 # AddressSanitizer+UndefinedBehaviorSanitizer and with ThreadSanitizer. The
 # integration tests (label "integration") talk to RabbitMQ and ActiveMQ on

@@ -104,9 +104,7 @@ bool applyCommonOption(int id, const char* value, ConnectionOptions* options) {
         if (*value == '\0') throw UsageError("--host must not be empty");
         options->host = value;
         return true;
-    case kOptPort:
-        options->port = static_cast<int>(parseInteger(value, "--port", 1, 65535));
-        return true;
+    case kOptPort: options->port = static_cast<int>(parseInteger(value, "--port", 1, 65535)); return true;
     case kOptLogin:
         options->login = value;
         options->credentials = true;
@@ -117,7 +115,8 @@ bool applyCommonOption(int id, const char* value, ConnectionOptions* options) {
         return true;
     case kOptProtocol: {
         const std::string v = value;
-        if (v != "1.0" && v != "1.1" && v != "1.2") throw UsageError("--protocol must be 1.0, 1.1 or 1.2, not '" + v + "'");
+        if (v != "1.0" && v != "1.1" && v != "1.2")
+            throw UsageError("--protocol must be 1.0, 1.1 or 1.2, not '" + v + "'");
         options->protocol = v;
         return true;
     }
@@ -132,14 +131,9 @@ bool applyCommonOption(int id, const char* value, ConnectionOptions* options) {
         options->heartbeat = {cx, cy};
         return true;
     }
-    case kOptConnectTimeout:
-        options->connectTimeout = parseSeconds(value, "--connect-timeout");
-        return true;
-    case kOptVerbose:
-        options->verbose = true;
-        return true;
-    default:
-        return false;
+    case kOptConnectTimeout: options->connectTimeout = parseSeconds(value, "--connect-timeout"); return true;
+    case kOptVerbose: options->verbose = true; return true;
+    default: return false;
     }
 }
 
@@ -225,22 +219,21 @@ std::unique_ptr<tavren::StompClient> connectOrGiveUp(const ConnectionOptions& op
                                                      const char* tool) {
     std::pair<std::string, std::string> heartbeat = options.heartbeat;
     std::unique_ptr<tavren::StompClient> client(
-        options.credentials ? new tavren::StompClient(options.host, options.port, options.login, options.passcode,
-                                                      &logger, &heartbeat)
-                            : new tavren::StompClient(options.host, options.port, &logger, &heartbeat));
+        options.credentials
+            ? new tavren::StompClient(options.host, options.port, options.login, options.passcode, &logger, &heartbeat)
+            : new tavren::StompClient(options.host, options.port, &logger, &heartbeat));
     try {
         client->openConnection(kReconnectPeriodMs, kelvra::utility::Version(options.protocol));
     } catch (std::exception& e) {
         // A CONNECTED frame without the headers the library needs.
-        std::fprintf(stderr, "%s: cannot connect to %s:%d: %s\n", tool, options.host.c_str(), options.port,
-                     e.what());
+        std::fprintf(stderr, "%s: cannot connect to %s:%d: %s\n", tool, options.host.c_str(), options.port, e.what());
         return nullptr;
     }
     if (!waitUntil([&] { return client->isConnected(); }, options.connectTimeout)) {
         std::string why = logger.lastError();
         if (why.empty()) why = "no answer";
-        std::fprintf(stderr, "%s: cannot connect to %s:%d within %g s: %s\n", tool, options.host.c_str(),
-                     options.port, options.connectTimeout, why.c_str());
+        std::fprintf(stderr, "%s: cannot connect to %s:%d within %g s: %s\n", tool, options.host.c_str(), options.port,
+                     options.connectTimeout, why.c_str());
         return nullptr;
     }
     return client;

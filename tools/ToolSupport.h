@@ -43,10 +43,10 @@ struct ConnectionOptions {
     int port = 61613;
     std::string login;
     std::string passcode;
-    bool credentials = false;      // --login or --passcode given
-    std::string protocol = "1.2";  // the one version offered in CONNECT
+    bool credentials = false;     // --login or --passcode given
+    std::string protocol = "1.2"; // the one version offered in CONNECT
     std::pair<std::string, std::string> heartbeat{"0", "0"};
-    double connectTimeout = 5;     // seconds
+    double connectTimeout = 5; // seconds
     bool verbose = false;
 };
 

@@ -34,8 +34,8 @@ struct ListenOptions {
     std::string queue;
     bool headers = false;
     bool nack = false;
-    long count = 0;       // 0: no limit
-    double timeout = -1;  // seconds; below 0: none
+    long count = 0;      // 0: no limit
+    double timeout = -1; // seconds; below 0: none
 };
 
 void printHelp() {
@@ -72,31 +72,16 @@ ListenOptions parse(int argc, char** argv) {
     int id;
     while ((id = getopt_long(argc, argv, ":n:t:vh", table.data(), nullptr)) != -1) {
         switch (id) {
-        case 'n':
-            options.count = parseInteger(optarg, "--count", 1, 1000000000);
-            break;
-        case 't':
-            options.timeout = parseSeconds(optarg, "--timeout");
-            break;
-        case kOptHeaders:
-            options.headers = true;
-            break;
-        case kOptNack:
-            options.nack = true;
-            break;
-        case 'v':
-            options.connection.verbose = true;
-            break;
+        case 'n': options.count = parseInteger(optarg, "--count", 1, 1000000000); break;
+        case 't': options.timeout = parseSeconds(optarg, "--timeout"); break;
+        case kOptHeaders: options.headers = true; break;
+        case kOptNack: options.nack = true; break;
+        case 'v': options.connection.verbose = true; break;
         case 'h':
-        case kOptHelp:
-            printHelp();
-            std::exit(kExitOk);
-        case ':':
-            throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
-        case '?':
-            throw UsageError(std::string("unknown option ") + argv[optind - 1]);
-        default:
-            applyCommonOption(id, optarg, &options.connection);
+        case kOptHelp: printHelp(); std::exit(kExitOk);
+        case ':': throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
+        case '?': throw UsageError(std::string("unknown option ") + argv[optind - 1]);
+        default: applyCommonOption(id, optarg, &options.connection);
         }
     }
     const int rest = argc - optind;
@@ -125,7 +110,8 @@ public:
             return 1;
         }
         if (options.headers) {
-            for (const auto& header : message->headers()) std::printf("%s:%s\n", header.first.c_str(), header.second.c_str());
+            for (const auto& header : message->headers())
+                std::printf("%s:%s\n", header.first.c_str(), header.second.c_str());
             std::printf("\n%s\n\n", message->text());
         } else {
             std::printf("%s\n", message->text());
@@ -181,8 +167,8 @@ int run(const ListenOptions& options) {
     client->listenOnQueue(options.queue, &printer);
     int status = kExitOk;
     if (logger.sawLineStartingWith("Failed to subscribe to destination ")) {
-        std::fprintf(stderr, "%s: the broker refused the subscription to /queue/%s: %s\n", kTool,
-                     options.queue.c_str(), logger.lastError().c_str());
+        std::fprintf(stderr, "%s: the broker refused the subscription to /queue/%s: %s\n", kTool, options.queue.c_str(),
+                     logger.lastError().c_str());
         status = kExitFailure;
     } else {
         const bool done = waitUntil(

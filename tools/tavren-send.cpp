@@ -63,9 +63,7 @@ SendOptions parse(int argc, char** argv) {
     int id;
     while ((id = getopt_long(argc, argv, ":f:H:t:vh", table.data(), nullptr)) != -1) {
         switch (id) {
-        case 'f':
-            options.file = optarg;
-            break;
+        case 'f': options.file = optarg; break;
         case 'H': {
             const std::string header = optarg;
             const size_t colon = header.find(':');
@@ -76,22 +74,13 @@ SendOptions parse(int argc, char** argv) {
             options.headers[header.substr(0, colon)] = header.substr(colon + 1);
             break;
         }
-        case 't':
-            options.timeout = parseSeconds(optarg, "--timeout");
-            break;
-        case 'v':
-            options.connection.verbose = true;
-            break;
+        case 't': options.timeout = parseSeconds(optarg, "--timeout"); break;
+        case 'v': options.connection.verbose = true; break;
         case 'h':
-        case kOptHelp:
-            printHelp();
-            std::exit(kExitOk);
-        case ':':
-            throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
-        case '?':
-            throw UsageError(std::string("unknown option ") + argv[optind - 1]);
-        default:
-            applyCommonOption(id, optarg, &options.connection);
+        case kOptHelp: printHelp(); std::exit(kExitOk);
+        case ':': throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
+        case '?': throw UsageError(std::string("unknown option ") + argv[optind - 1]);
+        default: applyCommonOption(id, optarg, &options.connection);
         }
     }
     const int rest = argc - optind;
@@ -124,7 +113,10 @@ std::string readFile(const std::string& path) {
 class Sender {
 public:
     Sender(tavren::StompClient& client, ToolLogger& logger, const SendOptions& options)
-        : client(client), logger(logger), options(options), prefix(kTool + std::string("-") + std::to_string(getpid()) + "-") {}
+        : client(client),
+          logger(logger),
+          options(options),
+          prefix(kTool + std::string("-") + std::to_string(getpid()) + "-") {}
 
     // False once the connection went (the library logged "Disconnected!").
     bool send(const std::string& text) {
@@ -185,7 +177,8 @@ int run(const SendOptions& options) {
         std::string line;
         while (std::getline(std::cin, line)) {
             if (hasBadByte(line, '\0')) {
-                std::fprintf(stderr, "%s: a line of standard input contains a NUL byte; only text can be sent\n", kTool);
+                std::fprintf(stderr, "%s: a line of standard input contains a NUL byte; only text can be sent\n",
+                             kTool);
                 status = kExitUsage;
                 break;
             }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A relay between one client and the broker, for the receive measurements:
 // it forwards the bytes of both directions unchanged and watches the frames
 // the client sends. For every ACK and NACK it records the CLOCK_MONOTONIC

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stand-in broker that does nothing with messages, so that a send
 // measurement against it shows the client's own cost: it answers CONNECT (or
 // STOMP) with CONNECTED carrying "server", "version", "heart-beat" and

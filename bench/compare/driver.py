@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs libtavren's client comparison and writes docs/performance.md and .png.
 
 Started by scripts/bench.sh, which builds the programs and starts the

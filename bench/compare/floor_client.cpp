@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The raw-socket floor of the comparison: a minimal STOMP client on plain
 // POSIX sockets, no library. It writes pre-built frames, gathering many into
 // one write, and reads through one buffered reader that parses in place; the
@@ -203,12 +204,14 @@ int runReceive(const Args& a) {
     const double t0 = wire::now();
     s.subscribe(s.clientAck(), nullptr);
     bool announced = false;
-    const double deadline = t0 + (std::getenv("BENCH_CLIENT_TIMEOUT") ? std::atof(std::getenv("BENCH_CLIENT_TIMEOUT")) : 600);
+    const double deadline =
+        t0 + (std::getenv("BENCH_CLIENT_TIMEOUT") ? std::atof(std::getenv("BENCH_CLIENT_TIMEOUT")) : 600);
     for (;;) {
         wire::Frame f;
         while (s.reader.next(&f)) {
             if (f.command != "MESSAGE") {
-                if (f.command == "ERROR") std::fprintf(stderr, "ERROR frame: %.*s\n", (int)f.body.size(), f.body.data());
+                if (f.command == "ERROR")
+                    std::fprintf(stderr, "ERROR frame: %.*s\n", (int)f.body.size(), f.body.data());
                 continue;
             }
             ++messages;

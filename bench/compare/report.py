@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The table, docs/performance.md and docs/performance.png of the client comparison.
 
 write(results, elapsed) is called by driver.py at the end of a run;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libtavren in the comparison, through its public API only
 // (<tavren/tavren.h>, linked against the built libtavren.so), with the
 // library's defaults for workers and stacks. Same command line and output as
@@ -219,10 +220,11 @@ int main(int argc, char** argv) {
                 std::fclose(out);
             }
         }
-        std::printf("RESULT {\"t0\": %.6f, \"got\": %ld, \"unique\": %ld, \"dups\": %ld, \"gaps\": %ld, \"noseq\": %ld, "
-                    "\"version\": \"%s\"}\n",
-                    t0, listener.messages, listener.unique, listener.dups, n - listener.unique, listener.noSeq,
-                    version.c_str());
+        std::printf(
+            "RESULT {\"t0\": %.6f, \"got\": %ld, \"unique\": %ld, \"dups\": %ld, \"gaps\": %ld, \"noseq\": %ld, "
+            "\"version\": \"%s\"}\n",
+            t0, listener.messages, listener.unique, listener.dups, n - listener.unique, listener.noSeq,
+            version.c_str());
         return status;
     }
 

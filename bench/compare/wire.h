@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plain-socket helpers shared by the comparison programs (raw client, relay,
 // discard server): a buffered STOMP frame reader that parses in place, the
 // monotonic clock, and socket set-up. No libtavren code is used here, so the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef KELVRA_SHAREDPTR_H
 #define KELVRA_SHAREDPTR_H
 
@@ -43,7 +44,9 @@ public:
 
     /** Shares the object of a SharedPtr to a type that converts to T* (a derived class). */
     template <typename U>
-    SharedPtr(const SharedPtr<U>& other) : ptr(other.ptr), count(other.count) { acquire(); }
+    SharedPtr(const SharedPtr<U>& other) : ptr(other.ptr), count(other.count) {
+        acquire();
+    }
 
     /** Drops this reference; the last one deletes the object. */
     ~SharedPtr() { release(); }
@@ -78,7 +81,8 @@ public:
     long useCount() const { return count ? count->load(std::memory_order_acquire) : 0; }
 
 private:
-    template <typename U> friend class SharedPtr;
+    template <typename U>
+    friend class SharedPtr;
 
     void acquire() {
         if (count) count->fetch_add(1, std::memory_order_relaxed);
@@ -98,10 +102,14 @@ private:
 
 /** True when both point to the same object (or both are empty). */
 template <typename T, typename U>
-bool operator==(const SharedPtr<T>& a, const SharedPtr<U>& b) { return a.get() == b.get(); }
+bool operator==(const SharedPtr<T>& a, const SharedPtr<U>& b) {
+    return a.get() == b.get();
+}
 /** True when they point to different objects. */
 template <typename T, typename U>
-bool operator!=(const SharedPtr<T>& a, const SharedPtr<U>& b) { return a.get() != b.get(); }
+bool operator!=(const SharedPtr<T>& a, const SharedPtr<U>& b) {
+    return a.get() != b.get();
+}
 
 } // namespace kelvra
 

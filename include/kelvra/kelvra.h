@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef KELVRA_KELVRA_H
 #define KELVRA_KELVRA_H
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_CONNECTIONEXCEPTION_H
 #define TAVREN_CONNECTIONEXCEPTION_H
 

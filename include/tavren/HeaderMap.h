@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_HEADERMAP_H
 #define TAVREN_HEADERMAP_H
 

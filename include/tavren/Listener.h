@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_LISTENER_H
 #define TAVREN_LISTENER_H
 
@@ -14,7 +15,7 @@ namespace tavren {
 namespace internal {
 class ServerFrame;
 class StompClientImpl;
-}
+} // namespace internal
 
 /**
  * Receives the messages of one queue. Derive from it and register it with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_STOMPCLIENT_H
 #define TAVREN_STOMPCLIENT_H
 
@@ -69,8 +70,8 @@ public:
      *        asks of the broker), or null for "0,0"
      * @throws std::bad_alloc when memory runs out
      */
-    StompClient(std::string host, int port, std::string login, std::string passcode,
-                tavren::Logger* logger, std::pair<std::string, std::string>* heartbeat);
+    StompClient(std::string host, int port, std::string login, std::string passcode, tavren::Logger* logger,
+                std::pair<std::string, std::string>* heartbeat);
     /**
      * The same without credentials: the CONNECT frame carries no "login" or
      * "passcode" header.
@@ -79,8 +80,7 @@ public:
      * @param logger where the client writes its lines; not null, not owned, outlives the client
      * @param heartbeat the two "heart-beat" figures, or null for "0,0"
      */
-    StompClient(std::string host, int port, tavren::Logger* logger,
-                std::pair<std::string, std::string>* heartbeat);
+    StompClient(std::string host, int port, tavren::Logger* logger, std::pair<std::string, std::string>* heartbeat);
     /**
      * Stops the reconnect timer and the listen thread. Sends no DISCONNECT.
      *

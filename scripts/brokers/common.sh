@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Shared by the broker scripts: where a broker's files live, how to tell that
 # its STOMP port answers, and how to stop exactly the process that was started.
 # Sourced, not run.

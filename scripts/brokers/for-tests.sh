@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by scripts that need both real brokers for a while: installs them,
 # starts the ones not running yet and, on exit, stops exactly those it
 # started. A broker that already ran before is left running.

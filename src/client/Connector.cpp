@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "client/Connector.h"
 
 #include "client/StompClientImpl.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <tavren/StompClient.h>
 
 #include "client/StompClientImpl.h"
@@ -12,8 +13,8 @@ const std::string kQueuePrefix = "/queue/";
 
 } // namespace
 
-StompClient::StompClient(std::string host, int port, std::string login, std::string passcode,
-                         tavren::Logger* logger, std::pair<std::string, std::string>* heartbeat)
+StompClient::StompClient(std::string host, int port, std::string login, std::string passcode, tavren::Logger* logger,
+                         std::pair<std::string, std::string>* heartbeat)
     : clientName("Corvath-" + kelvra::utility::generateUuid()) {
     impl.reset(new internal::StompClientImpl(logger, clientName));
     impl->setupSocketDetails(host, port);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_INTERNAL_STOMPCLIENTIMPL_H
 #define TAVREN_INTERNAL_STOMPCLIENTIMPL_H
 
@@ -57,8 +58,8 @@ public:
     void setupAuthentication(std::string login, std::string passcode);
     void setupHeartbeating(std::pair<std::string, std::string>* heartbeat);
     /** Stores the settings and makes the first connection attempt on this thread. */
-    void setupRobustConnection(int reconnectPeriod, kelvra::utility::Version version,
-                               std::string clientName, std::string virtualHost);
+    void setupRobustConnection(int reconnectPeriod, kelvra::utility::Version version, std::string clientName,
+                               std::string virtualHost);
     /** A new connector and its first attempt; on failure its timer retries. */
     void setupConnector(std::string clientName);
 
@@ -127,22 +128,22 @@ private:
 
     // What the engine needs beyond the settings above to stay safe across
     // threads: each is read and written under the engine lock unless atomic.
-    std::atomic<bool> hasSession;                 // session is non-empty; read by isConnected()
-    bool listenThreadStarted;                     // *listenThread holds a thread not yet joined
-    std::atomic<unsigned> listenGeneration;       // counts connections; a listen thread serves one
+    std::atomic<bool> hasSession;           // session is non-empty; read by isConnected()
+    bool listenThreadStarted;               // *listenThread holds a thread not yet joined
+    std::atomic<unsigned> listenGeneration; // counts connections; a listen thread serves one
     // Subscriptions and unsubscriptions waiting for their receipt, by receipt
     // id: destination and listener (null for an unsubscription).
     std::map<std::string, std::pair<std::string, tavren::Listener*>> pendingChanges;
-    bool destroying;                              // the destructor has begun: no new attempts
-    int retriesInside;                            // timer-thread attempts inside the engine
-    kelvra::threads::CondVar retryDone;           // signalled when retriesInside drops
+    bool destroying;                    // the destructor has begun: no new attempts
+    int retriesInside;                  // timer-thread attempts inside the engine
+    kelvra::threads::CondVar retryDone; // signalled when retriesInside drops
     // Listen threads that have not ended yet, the detached ones included. A
     // lock of its own, taken inside no other, so that a thread can report its
     // end while the engine lock is held by whoever waits for it.
     pthread_mutex_t threadsMutex;
     int runningListenThreads;
     kelvra::threads::CondVar threadsEnded;
-    SendFrame plainSend; // reused by every send without extra headers, under the engine lock
+    SendFrame plainSend;       // reused by every send without extra headers, under the engine lock
     WorkerStacks workerStacks; // the stacks message workers run on; outlives every worker but abandoned ones
     std::atomic<int> maxWorkers;
     std::atomic<size_t> workerStackSize;

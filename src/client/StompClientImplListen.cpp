@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The listen thread: reads everything the broker sends on one connection,
 // hands messages to their listeners on worker threads, answers each with ACK
 // or NACK once its worker has finished, and delivers receipts and errors to
@@ -68,7 +69,9 @@ private:
     };
 
     bool stopRequested() const { return engine->listenStopRequested(generation); }
-    bool lockEngine() { return locked = engine->mutex->lockUnless([this] { return stopRequested(); }); }
+    bool lockEngine() {
+        return locked = engine->mutex->lockUnless([this] { return stopRequested(); });
+    }
     void unlockEngine() {
         if (locked) engine->mutex->unlock();
         locked = false;
@@ -108,8 +111,13 @@ private:
 };
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
-    : engine(e), generation(e->listenGeneration), locked(false), connectionLost(false), boundReported(false),
-      wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), waiting(nullptr) {
+    : engine(e),
+      generation(e->listenGeneration),
+      locked(false),
+      connectionLost(false),
+      boundReported(false),
+      wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      waiting(nullptr) {
     pthread_attr_init(&workerAttributes);
 }
 
@@ -446,7 +454,8 @@ AckFrame* StompClientImpl::ListenLoop::answerFor(const Worker& worker) {
     const bool processed = worker.exitValue && *worker.exitValue == 0;
     try {
         if (!engine->session) throw std::out_of_range("no session");
-        return new AckFrame(worker.data->frame.get(), engine->session.get(), processed ? AckFrame::ACK : AckFrame::NACK);
+        return new AckFrame(worker.data->frame.get(), engine->session.get(),
+                            processed ? AckFrame::ACK : AckFrame::NACK);
     } catch (std::out_of_range&) {
         // A MESSAGE without the header an ACK must carry cannot be answered;
         // the connection is fine, so the message is only logged.

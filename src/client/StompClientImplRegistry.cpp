@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The subscription registry: keeps the broker's subscriptions in step with
 // the listeners the application registered.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <kelvra/time/Timer.h>
 
 #include <kelvra/threads/CondVar.h>
@@ -42,19 +43,17 @@ struct Timer::State {
     ~State() { pthread_mutex_destroy(&mutex); }
 
     pthread_mutex_t mutex;
-    threads::CondVar changed;     // running, deadline, quit or inCallback changed
-    Timer* owner = nullptr;       // null once the owner is gone
+    threads::CondVar changed; // running, deadline, quit or inCallback changed
+    Timer* owner = nullptr;   // null once the owner is gone
     bool running = false;
     bool quit = false;
     bool inCallback = false;
     bool threadStarted = false;
     pthread_t thread{};
-    struct timespec deadline{};   // next tick, on CLOCK_MONOTONIC
+    struct timespec deadline {}; // next tick, on CLOCK_MONOTONIC
 };
 
-Timer::Timer(int period) : periodMs(period < 1 ? 1 : period), state(std::make_shared<State>()) {
-    state->owner = this;
-}
+Timer::Timer(int period) : periodMs(period < 1 ? 1 : period), state(std::make_shared<State>()) { state->owner = this; }
 
 Timer::~Timer() {
     pthread_mutex_lock(&state->mutex);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "transport/FrameParser.h"
 
 #include <apr_strings.h>
@@ -164,7 +165,7 @@ FrameParser::Result FrameParser::parse(const char* data, size_t length, size_t* 
             if (result == INCOMPLETE && haveLine) {
                 result = endOfLine(text, size);
                 if (!line.empty()) line.clear(); // the line is used up; its capacity stays for the next
-                if (result == COMPLETE) { // a heart-beat
+                if (result == COMPLETE) {        // a heart-beat
                     state = COMMAND;
                     releaseScratch();
                 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_INTERNAL_FRAMEPARSER_H
 #define TAVREN_INTERNAL_FRAMEPARSER_H
 
@@ -77,12 +78,12 @@ private:
     void releaseScratch();
 
     State state;
-    ServerFrame* frame;     // the frame being read, null between frames
-    std::string line;       // the part of a line that has arrived so far
-    char* body;             // the body being read (new[]), null before one
-    size_t bodySize;        // bytes of body read so far
-    size_t bodyCapacity;    // size of the body array
-    size_t bodyExpected;    // for a sized body: its length
+    ServerFrame* frame;  // the frame being read, null between frames
+    std::string line;    // the part of a line that has arrived so far
+    char* body;          // the body being read (new[]), null before one
+    size_t bodySize;     // bytes of body read so far
+    size_t bodyCapacity; // size of the body array
+    size_t bodyExpected; // for a sized body: its length
 };
 
 } // namespace internal

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_INTERNAL_SOCKETIO_H
 #define TAVREN_INTERNAL_SOCKETIO_H
 

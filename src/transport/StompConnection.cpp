@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "transport/StompConnection.h"
 
 #include "transport/SocketIo.h"
@@ -34,9 +35,20 @@ struct iovec piece(const char* data, size_t length) {
 AprManager StompConnection::apr_init;
 
 StompConnection::StompConnection()
-    : socket(nullptr), localAddress(nullptr), localIp(nullptr), remoteAddress(nullptr), remoteHost(nullptr),
-      connected(false), savedTimeout(0), savedNonBlock(0), mutex(nullptr), connectionPool(nullptr),
-      objectPool(nullptr), readAhead(new char[kReadAheadSize]), readStart(0), readEnd(0) {
+    : socket(nullptr),
+      localAddress(nullptr),
+      localIp(nullptr),
+      remoteAddress(nullptr),
+      remoteHost(nullptr),
+      connected(false),
+      savedTimeout(0),
+      savedNonBlock(0),
+      mutex(nullptr),
+      connectionPool(nullptr),
+      objectPool(nullptr),
+      readAhead(new char[kReadAheadSize]),
+      readStart(0),
+      readEnd(0) {
     apr_pool_create_ex(&objectPool, nullptr, nullptr, nullptr);
     apr_thread_mutex_create(&mutex, APR_THREAD_MUTEX_DEFAULT, objectPool);
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "transport/StompConnection.h"
 
 #include "transport/SocketIo.h"
@@ -8,8 +9,7 @@
 namespace tavren {
 namespace internal {
 
-apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* readable,
-                                           bool* woken) {
+apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* readable, bool* woken) {
     int socketFd = -1;
     *readable = false;
     *woken = false;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Connecting: the CONNECT frame, the broker's possible answers, and retries.
 
 #include "support/EngineFixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A client runs for months: messages, their workers and reconnects must not
 // leave memory or threads behind. The process's resident memory and thread
 // count after a warm-up are compared with those after many times more work.
@@ -14,8 +15,6 @@ namespace {
 using tavren::test::EngineTest;
 using tavren::test::residentKiB;
 using tavren::test::threadCount;
-
-
 
 // A listener that only counts: a recording one would grow by itself.
 class Counting : public tavren::Listener {

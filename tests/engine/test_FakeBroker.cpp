@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scripted broker that the engine tests talk to, driven by a raw socket client.
 #include "support/FakeBroker.h"
 
@@ -56,8 +57,9 @@ public:
         char buf[4096];
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         while (out.size() < n) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now()).count();
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+                    .count();
             if (left <= 0 || !readable(static_cast<int>(left))) break;
             const ssize_t got = ::recv(fd, buf, std::min(sizeof buf, n - out.size()), 0);
             if (got <= 0) break;
@@ -91,7 +93,9 @@ private:
     int connectErrno;
 };
 
-std::string receipt(const std::string& id) { return "RECEIPT\nreceipt-id:" + id + "\n\n" + std::string(1, '\0') + "\n"; }
+std::string receipt(const std::string& id) {
+    return "RECEIPT\nreceipt-id:" + id + "\n\n" + std::string(1, '\0') + "\n";
+}
 
 TEST(FakeBroker, AnswersConnectWithTheDefaultConnectedFrame) {
     FakeBroker broker;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending, subscribing, receiving, and answering each message with ACK or NACK.
 
 #include "support/EngineFixture.h"
@@ -111,19 +112,24 @@ TEST_P(AckHeaders, AckAndNackCarryTheHeaderOfTheNegotiatedVersion) {
     EXPECT_EQ(sent("NACK")[0].headers, c.expected(noId, noSub));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Versions, AckHeaders,
-    ::testing::Values(
-        AckCase{"Stomp10", "FakeBroker/1.0", "1.0",
-                [](const std::string& id, const std::string&) { return HeaderMap{{"message-id", id}}; }},
-        AckCase{"Stomp11", "FakeBroker/1.0", "1.1",
-                [](const std::string& id, const std::string& sub) {
-                    return HeaderMap{{"message-id", id}, {"subscription", sub}};
-                }},
-        AckCase{"Stomp12", "FakeBroker/1.0", "1.2", [](const std::string& id, const std::string&) { return HeaderMap{{"id", id}}; }},
-        AckCase{"ActiveMQ12", "ActiveMQ/5.17.2", "1.2",
-                [](const std::string& id, const std::string&) { return HeaderMap{{"ack", id}}; }}),
-    [](const ::testing::TestParamInfo<AckCase>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Versions, AckHeaders,
+                         ::testing::Values(AckCase{"Stomp10", "FakeBroker/1.0", "1.0",
+                                                   [](const std::string& id, const std::string&) {
+                                                       return HeaderMap{{"message-id", id}};
+                                                   }},
+                                           AckCase{"Stomp11", "FakeBroker/1.0", "1.1",
+                                                   [](const std::string& id, const std::string& sub) {
+                                                       return HeaderMap{{"message-id", id}, {"subscription", sub}};
+                                                   }},
+                                           AckCase{"Stomp12", "FakeBroker/1.0", "1.2",
+                                                   [](const std::string& id, const std::string&) {
+                                                       return HeaderMap{{"id", id}};
+                                                   }},
+                                           AckCase{"ActiveMQ12", "ActiveMQ/5.17.2", "1.2",
+                                                   [](const std::string& id, const std::string&) {
+                                                       return HeaderMap{{"ack", id}};
+                                                   }}),
+                         [](const ::testing::TestParamInfo<AckCase>& info) { return std::string(info.param.name); });
 
 // Brokers hand a queue's waiting messages out as soon as the subscription
 // stands, often in the same packet as its RECEIPT: such a message reaches the
@@ -139,9 +145,10 @@ TEST_F(Messaging, MessageRightBehindTheSubscriptionReceiptReachesTheListener) {
         std::thread subscriber([&] { client->listenOnQueue(queue, &listener); });
         ASSERT_TRUE(broker.waitForFrames("SUBSCRIBE", static_cast<size_t>(round) + 1));
         const RecordedFrame subscribe = sent("SUBSCRIBE")[static_cast<size_t>(round)];
-        const std::string frames = "RECEIPT\nreceipt-id:" + subscribe.headers.at("receipt") + "\n\n" + std::string(1, '\0') +
-                                   "MESSAGE\ndestination:/queue/" + queue + "\nmessage-id:m" + std::to_string(round) +
-                                   "\nsubscription:" + subscribe.headers.at("id") + "\n\nwaiting" + std::string(1, '\0');
+        const std::string frames = "RECEIPT\nreceipt-id:" + subscribe.headers.at("receipt") + "\n\n" +
+                                   std::string(1, '\0') + "MESSAGE\ndestination:/queue/" + queue + "\nmessage-id:m" +
+                                   std::to_string(round) + "\nsubscription:" + subscribe.headers.at("id") +
+                                   "\n\nwaiting" + std::string(1, '\0');
         ASSERT_TRUE(broker.sendRaw(frames));
         subscriber.join();
         ASSERT_TRUE(listener.waitFinished(1));
@@ -265,21 +272,22 @@ TEST_F(Messaging, PauseUnsubscribesAndResumeSubscribesEveryQueueAgain) {
     log.clear();
     client->pauseAllListeners();
     EXPECT_EQ(sent("UNSUBSCRIBE").size(), 2u);
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "INFO: Pausing all listeners...", "INFO: De-registering listener for: /queue/a",
-                               "INFO: Deregistering listener on /queue/a",
-                               "INFO: Unsubscribed from destination /queue/a successfully.",
-                               "INFO: De-registering listener for: /queue/b", "INFO: Deregistering listener on /queue/b",
-                               "INFO: Unsubscribed from destination /queue/b successfully."}));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"INFO: Pausing all listeners...", "INFO: De-registering listener for: /queue/a",
+                                        "INFO: Deregistering listener on /queue/a",
+                                        "INFO: Unsubscribed from destination /queue/a successfully.",
+                                        "INFO: De-registering listener for: /queue/b",
+                                        "INFO: Deregistering listener on /queue/b",
+                                        "INFO: Unsubscribed from destination /queue/b successfully."}));
     log.clear();
     client->resumeAllListeners();
     EXPECT_EQ(sent("SUBSCRIBE").size(), 4u);
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "INFO: Resuming all listeners...", "INFO: Re-registering listener for: /queue/a",
-                               "INFO: Registering listener on /queue/a",
-                               "INFO: Subscribed to destination /queue/a successfully.",
-                               "INFO: Re-registering listener for: /queue/b", "INFO: Registering listener on /queue/b",
-                               "INFO: Subscribed to destination /queue/b successfully."}));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "INFO: Resuming all listeners...", "INFO: Re-registering listener for: /queue/a",
+                  "INFO: Registering listener on /queue/a", "INFO: Subscribed to destination /queue/a successfully.",
+                  "INFO: Re-registering listener for: /queue/b", "INFO: Registering listener on /queue/b",
+                  "INFO: Subscribed to destination /queue/b successfully."}));
     ASSERT_TRUE(broker.pushMessage("/queue/b", "again"));
     ASSERT_TRUE(b.waitEntered(1));
     // A second resume subscribes each queue once more, not twice.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Losing the connection and getting it back: the listen thread's own
 // reconnect, the timer's retries, waiters whose answer never comes, and the
 // re-entrant paths that subscribe every listener again under the engine lock.
@@ -38,16 +39,15 @@ TEST_F(Reconnect, DroppedConnectionIsMadeAgainAndEveryListenerSubscribedAgain) {
     // The listen thread that reconnected ends once its work is done, and
     // settles its (here: no) message workers on the way out.
     ASSERT_TRUE(log.waitFor("INFO: Resolving remaining message handlers..."));
-    EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{"ERROR: while trying to listen for messages. Error 70014: End of file found",
-                                        "ERROR: Disconnected!", "INFO: Attempting to connect...", "INFO: Connected.",
-                                        "INFO: Resuming all listeners...", "INFO: Re-registering listener for: /queue/a",
-                                        "INFO: Registering listener on /queue/a",
-                                        "INFO: Subscribed to destination /queue/a successfully.",
-                                        "INFO: Re-registering listener for: /queue/b",
-                                        "INFO: Registering listener on /queue/b",
-                                        "INFO: Subscribed to destination /queue/b successfully.",
-                                        "INFO: Resolving remaining message handlers..."}));
+    EXPECT_EQ(
+        log.lines(),
+        (std::vector<std::string>{
+            "ERROR: while trying to listen for messages. Error 70014: End of file found", "ERROR: Disconnected!",
+            "INFO: Attempting to connect...", "INFO: Connected.", "INFO: Resuming all listeners...",
+            "INFO: Re-registering listener for: /queue/a", "INFO: Registering listener on /queue/a",
+            "INFO: Subscribed to destination /queue/a successfully.", "INFO: Re-registering listener for: /queue/b",
+            "INFO: Registering listener on /queue/b", "INFO: Subscribed to destination /queue/b successfully.",
+            "INFO: Resolving remaining message handlers..."}));
     EXPECT_EQ(onConnection(sent("SUBSCRIBE"), 2).size(), 2u);
     EXPECT_EQ(sent("CONNECT").at(1).headers, (HeaderMap{{"accept-version", "1.2"}, {"heart-beat", "0,0"}}));
     EXPECT_TRUE(client->isConnected());
@@ -111,11 +111,11 @@ TEST_F(Reconnect, SendFailingWhileListenersAreRegisteredReconnectsOnTheCallersTh
     client->sendToQueue("q", "lost", nullptr);
     if (!log.contains("ERROR: Disconnected!")) client->sendToQueue("q", "lost again", nullptr);
     ASSERT_TRUE(client->isConnected());
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "ERROR: Disconnected!", "INFO: Attempting to connect...", "INFO: Connected.",
-                               "INFO: Resuming all listeners...", "INFO: Re-registering listener for: /queue/q",
-                               "INFO: Registering listener on /queue/q",
-                               "INFO: Subscribed to destination /queue/q successfully."}));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"ERROR: Disconnected!", "INFO: Attempting to connect...",
+                                                     "INFO: Connected.", "INFO: Resuming all listeners...",
+                                                     "INFO: Re-registering listener for: /queue/q",
+                                                     "INFO: Registering listener on /queue/q",
+                                                     "INFO: Subscribed to destination /queue/q successfully."}));
     ASSERT_TRUE(broker.waitForSubscription("/queue/q"));
     ASSERT_TRUE(broker.pushMessage("/queue/q", "flows"));
     ASSERT_TRUE(listener.waitEntered(1));

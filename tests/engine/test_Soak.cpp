@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything at once, at random: messages, sends, listeners coming and going,
 // pause and resume, and a broker that drops, resets and refuses connections.
 // Whatever happens, nothing may hang or crash, and once the broker behaves
@@ -65,9 +66,7 @@ TEST_F(Soak, RandomTrafficAndFailuresNeverHangAndEndConnected) {
             break;
         case 3: broker.sendRaw(std::string("RECEIPT\nreceipt-id:stray\n\n\0\n", 27)); break;
         case 4: broker.sendRaw(std::string("ERROR\nmessage:no id\n\n\0\n", 23)); break;
-        default:
-            broker.pushMessage(random() % 2 ? "/queue/a" : "/queue/b", "from the broker");
-            break;
+        default: broker.pushMessage(random() % 2 ? "/queue/a" : "/queue/b", "from the broker"); break;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 4));
         broker.clearFrames();

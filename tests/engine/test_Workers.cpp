@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How many listener calls run at once, on which stacks, and when their
 // messages are acknowledged.
 #include "support/EngineFixture.h"
@@ -10,9 +11,9 @@
 #include <atomic>
 #include <mutex>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
-#include <string>
 
 using tavren::HeaderMap;
 using tavren::test::EngineTest;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A refused login and a broker that stops and starts again, against real
 // brokers, once for each broker and protocol version.
 
@@ -30,11 +31,11 @@ TEST_P(BrokerFailures, WrongPasscodeIsRefusedLoggedAndRetried) {
     ASSERT_TRUE(log.waitFor("ERROR: Reconnect failed with: " + refusal, 2, 10000));
     const std::vector<std::string> lines = log.lines();
     ASSERT_GE(lines.size(), 6u);
-    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 6),
-              (std::vector<std::string>{"INFO: Attempting to connect...",
-                                        "ERROR: Failed to connect on first try, " + refusal,
-                                        "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal,
-                                        "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal}));
+    EXPECT_EQ(
+        std::vector<std::string>(lines.begin(), lines.begin() + 6),
+        (std::vector<std::string>{"INFO: Attempting to connect...", "ERROR: Failed to connect on first try, " + refusal,
+                                  "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal,
+                                  "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal}));
     EXPECT_FALSE(client->isConnected());
 }
 
@@ -63,7 +64,7 @@ void sendAll(StompClient& client, const std::string& queue, const std::vector<st
 
 /** a, b and c in one list, sorted. */
 std::vector<std::string> allSorted(std::vector<std::string> a, const std::vector<std::string>& b,
-                                     const std::vector<std::string>& c) {
+                                   const std::vector<std::string>& c) {
     a.insert(a.end(), b.begin(), b.end());
     a.insert(a.end(), c.begin(), c.end());
     std::sort(a.begin(), a.end());

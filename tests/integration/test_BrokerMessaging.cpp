@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending, receiving, acknowledging and listener changes against real
 // brokers, once for each broker and protocol version.
 
@@ -34,8 +35,8 @@ std::string utf8Text(size_t size) {
 // frames carry it under "ack" (ackAccepted).
 
 enum class NackOutcome {
-    HandedAgain,    // the broker puts the message back and hands it to the listener again
-    DeadLettered,   // the broker moves it to its dead-letter queue, ActiveMQ.DLQ
+    HandedAgain,     // the broker puts the message back and hands it to the listener again
+    DeadLettered,    // the broker moves it to its dead-letter queue, ActiveMQ.DLQ
     RefusedWithError // the broker answers the NACK with an ERROR; the message stays unacknowledged
 };
 
@@ -45,7 +46,6 @@ NackOutcome nackOutcome(const BrokerVersion& c) {
 }
 
 const char* const kAckRefusal = "ACK received without a ack id for acknowledge!";
-
 
 TEST_P(BrokerMessaging, EveryMessageArrivesInOrderWithBodyAndHeadersIntact) {
     RecordingRelay relay(broker().port());
@@ -59,14 +59,17 @@ TEST_P(BrokerMessaging, EveryMessageArrivesInOrderWithBodyAndHeadersIntact) {
     std::vector<std::string> bodies = {
         "",
         "x",
-        "Gr\xC3\xBC\xC3\x9F" "e, \xE4\xBD\xA0\xE5\xA5\xBD, \xE2\x98\x83, \xF0\x9F\x99\x82",
+        "Gr\xC3\xBC\xC3\x9F"
+        "e, \xE4\xBD\xA0\xE5\xA5\xBD, \xE2\x98\x83, \xF0\x9F\x99\x82",
         utf8Text(4096),
         utf8Text(64 * 1024),
         utf8Text(1024 * 1024),
     };
     for (int i = 0; i < 100; ++i) bodies.push_back("message " + std::to_string(i));
     for (size_t i = 0; i < bodies.size(); ++i) {
-        HeaderMap headers{{"x-tavren-seq", std::to_string(i)}, {"x-tavren-note", "Gr\xC3\xBC\xC3\x9F" "e"}};
+        HeaderMap headers{{"x-tavren-seq", std::to_string(i)},
+                          {"x-tavren-note", "Gr\xC3\xBC\xC3\x9F"
+                                            "e"}};
         client->sendToQueue(queue, bodies[i].c_str(), &headers);
     }
 
@@ -99,7 +102,8 @@ TEST_P(BrokerMessaging, EveryMessageArrivesInOrderWithBodyAndHeadersIntact) {
         ++seen[i];
         EXPECT_EQ(r.text.size(), bodies[i].size());
         EXPECT_TRUE(r.text == bodies[i]);
-        EXPECT_EQ(headerOf(r.headers, "x-tavren-note"), "Gr\xC3\xBC\xC3\x9F" "e");
+        EXPECT_EQ(headerOf(r.headers, "x-tavren-note"), "Gr\xC3\xBC\xC3\x9F"
+                                                        "e");
         EXPECT_EQ(headerOf(r.headers, "destination"), "/queue/" + queue);
     }
     if (once) {
@@ -143,9 +147,9 @@ TEST_P(BrokerMessaging, ProcessedMessagesAreAcknowledged) {
     ASSERT_TRUE(open(*other));
     other->listenOnQueue(queue, &later);
     other->sendToQueue(queue, "fresh", nullptr);
-    const std::vector<std::string> expected =
-        ackAccepted(GetParam()) ? std::vector<std::string>{"fresh"}
-                                : std::vector<std::string>{"ack 0", "ack 1", "ack 2", "fresh"};
+    const std::vector<std::string> expected = ackAccepted(GetParam())
+                                                  ? std::vector<std::string>{"fresh"}
+                                                  : std::vector<std::string>{"ack 0", "ack 1", "ack 2", "fresh"};
     ASSERT_TRUE(later.waitEntered(static_cast<int>(expected.size()), 10000));
     usleep(1000 * 1000); // nothing more comes
     if (ackAccepted(GetParam())) {

@@ -29,7 +29,8 @@ protected:
     void SetUp() override { ASSERT_TRUE(broker.answers()) << broker.howToStart(); }
 
     std::vector<std::string> guest(std::vector<std::string> args) const {
-        std::vector<std::string> all{"--port", std::to_string(broker.port()), "--login", "guest", "--passcode", "guest"};
+        std::vector<std::string> all{"--port", std::to_string(broker.port()), "--login", "guest", "--passcode",
+                                     "guest"};
         all.insert(all.end(), args.begin(), args.end());
         return all;
     }
@@ -45,11 +46,15 @@ protected:
 
 TEST_F(ToolsThroughRabbitMQ, LinesSentArePrintedByTheListenerInOrder) {
     const std::string queue = freshQueue("lines");
-    ToolResult sent = runTool(kSend, guest({queue}), "first line\nsecond line\nGr\xC3\xBC\xC3\x9F" "e\n");
+    ToolResult sent = runTool(kSend, guest({queue}),
+                              "first line\nsecond line\nGr\xC3\xBC\xC3\x9F"
+                              "e\n");
     ASSERT_EQ(0, sent.status) << sent.err;
     ToolResult got = runTool(kListen, guest({"-n", "3", "-t", "30", queue}));
     EXPECT_EQ(0, got.status) << got.err;
-    EXPECT_EQ("first line\nsecond line\nGr\xC3\xBC\xC3\x9F" "e\n", got.out);
+    EXPECT_EQ("first line\nsecond line\nGr\xC3\xBC\xC3\x9F"
+              "e\n",
+              got.out);
     // Acknowledged: nothing is left for the next reader.
     ToolResult after = runTool(kListen, guest({"-t", "1", queue}));
     EXPECT_EQ(0, after.status) << after.err;
@@ -85,7 +90,8 @@ TEST_F(ToolsThroughRabbitMQ, AWrongPasscodeCannotConnect) {
     ToolResult r = runTool(kSend, {"--port", std::to_string(broker.port()), "--login", "guest", "--passcode", "wrong",
                                    "--connect-timeout", "2", freshQueue("login"), "x"});
     EXPECT_EQ(3, r.status);
-    EXPECT_EQ(0u, r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.port()) + " within 2 s: "))
+    EXPECT_EQ(0u,
+              r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.port()) + " within 2 s: "))
         << r.err;
 }
 

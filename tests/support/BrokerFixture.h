@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_TEST_BROKERFIXTURE_H
 #define TAVREN_TEST_BROKERFIXTURE_H
 
@@ -125,7 +126,8 @@ protected:
 
     /** A queue name no other test or run uses: "tavren-it-PURPOSE-RabbitMQ_1_2-1a2b3c4d". */
     std::string freshQueue(const std::string& purpose) const {
-        return "tavren-it-" + purpose + "-" + caseLabel(GetParam()) + "-" + kelvra::utility::generateUuid().substr(0, 8);
+        return "tavren-it-" + purpose + "-" + caseLabel(GetParam()) + "-" +
+               kelvra::utility::generateUuid().substr(0, 8);
     }
 
     Watchdog watchdog;

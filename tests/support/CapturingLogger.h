@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_TEST_CAPTURINGLOGGER_H
 #define TAVREN_TEST_CAPTURINGLOGGER_H
 

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "support/FakeBroker.h"
 
-#include <arpa/inet.h>
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
@@ -83,11 +84,22 @@ struct FakeBroker::Task {
 };
 
 FakeBroker::FakeBroker()
-    : listenFd(-1), clientFd(-1), wakeFds{-1, -1}, listenPort(0), messageCounter(0), stopping(false),
-      accepted(0), clientOpen(false), connectReply(ConnectReply::Connected),
-      connectedHeaders(defaultConnectedHeaders()), generateSession(true), connectErrorMessage("Bad credentials"),
-      connectErrorBody("Access refused for user"), subscribeReply(ReceiptReply::Receipt),
-      unsubscribeReply(ReceiptReply::Receipt), receiptErrorMessage("Subscription refused"),
+    : listenFd(-1),
+      clientFd(-1),
+      wakeFds{-1, -1},
+      listenPort(0),
+      messageCounter(0),
+      stopping(false),
+      accepted(0),
+      clientOpen(false),
+      connectReply(ConnectReply::Connected),
+      connectedHeaders(defaultConnectedHeaders()),
+      generateSession(true),
+      connectErrorMessage("Bad credentials"),
+      connectErrorBody("Access refused for user"),
+      subscribeReply(ReceiptReply::Receipt),
+      unsubscribeReply(ReceiptReply::Receipt),
+      receiptErrorMessage("Subscription refused"),
       receiptErrorBody("Destination is not allowed") {
     if (::pipe2(wakeFds, O_NONBLOCK | O_CLOEXEC) != 0) wakeFds[0] = wakeFds[1] = -1;
     openListener(0);
@@ -146,8 +158,8 @@ bool FakeBroker::pushMessage(const std::string& destination, const std::string& 
                              std::string* messageId) {
     // Owned by the task, not by this frame: the serving thread may outlive a timed-out wait.
     std::shared_ptr<std::string> id = std::make_shared<std::string>();
-    const bool written = runOnServer(
-        [this, destination, body, extra, id] { return writeMessage(destination, body, extra, id.get()); });
+    const bool written =
+        runOnServer([this, destination, body, extra, id] { return writeMessage(destination, body, extra, id.get()); });
     if (written && messageId) *messageId = *id;
     return written;
 }
@@ -332,7 +344,7 @@ void FakeBroker::readClient() {
     const ssize_t got = ::recv(clientFd, buf, sizeof buf, MSG_DONTWAIT);
     if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) return;
     if (got <= 0) {
-        closeClient(false);  // the client closed its socket, or the connection broke
+        closeClient(false); // the client closed its socket, or the connection broke
         return;
     }
     input.append(buf, static_cast<size_t>(got));
@@ -474,17 +486,10 @@ void FakeBroker::answerConnect() {
         body = connectErrorBody;
     }
     switch (reply) {
-    case ConnectReply::Connected:
-        writeFrame("CONNECTED", headers, "");
-        break;
-    case ConnectReply::Error:
-        writeFrame("ERROR", {{"message", message}}, body);
-        break;
-    case ConnectReply::Silence:
-        break;
-    case ConnectReply::Other:
-        writeFrame("RECEIPT", {{"receipt-id", "unexpected"}}, "");
-        break;
+    case ConnectReply::Connected: writeFrame("CONNECTED", headers, ""); break;
+    case ConnectReply::Error: writeFrame("ERROR", {{"message", message}}, body); break;
+    case ConnectReply::Silence: break;
+    case ConnectReply::Other: writeFrame("RECEIPT", {{"receipt-id", "unexpected"}}, ""); break;
     }
 }
 
@@ -504,18 +509,13 @@ void FakeBroker::answerReceiptRequest(const RecordedFrame& frame, ReceiptReply r
         body = receiptErrorBody;
     }
     switch (reply) {
-    case ReceiptReply::Receipt:
-        writeFrame("RECEIPT", {{"receipt-id", receipt->second}}, "");
-        break;
+    case ReceiptReply::Receipt: writeFrame("RECEIPT", {{"receipt-id", receipt->second}}, ""); break;
     case ReceiptReply::Error:
         error["receipt-id"] = receipt->second;
         writeFrame("ERROR", error, body);
         break;
-    case ReceiptReply::ErrorWithoutReceiptId:
-        writeFrame("ERROR", error, body);
-        break;
-    case ReceiptReply::Silence:
-        break;
+    case ReceiptReply::ErrorWithoutReceiptId: writeFrame("ERROR", error, body); break;
+    case ReceiptReply::Silence: break;
     }
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_TEST_FAKEBROKER_H
 #define TAVREN_TEST_FAKEBROKER_H
 
@@ -18,9 +19,9 @@ namespace test {
 /** A frame as the fake broker received it from a client. */
 struct RecordedFrame {
     std::string command;
-    HeaderMap headers;  // a repeated name keeps its first value
+    HeaderMap headers; // a repeated name keeps its first value
     std::string body;
-    int connection;     // 1-based index of the connection it came on
+    int connection; // 1-based index of the connection it came on
 };
 
 /**
@@ -36,8 +37,8 @@ public:
     enum class ConnectReply { Connected, Error, Silence, Other };
     enum class ReceiptReply { Receipt, Error, ErrorWithoutReceiptId, Silence };
 
-    FakeBroker();   // listens and starts the serving thread
-    ~FakeBroker();  // stops the thread and closes every socket
+    FakeBroker();  // listens and starts the serving thread
+    ~FakeBroker(); // stops the thread and closes every socket
     FakeBroker(const FakeBroker&) = delete;
     FakeBroker& operator=(const FakeBroker&) = delete;
 
@@ -65,8 +66,8 @@ public:
      * and content-length. extra adds or overrides headers; the value "<omit>"
      * leaves a header out. False if no client is connected.
      */
-    bool pushMessage(const std::string& destination, const std::string& body,
-                     const HeaderMap& extra = {}, std::string* messageId = nullptr);
+    bool pushMessage(const std::string& destination, const std::string& body, const HeaderMap& extra = {},
+                     std::string* messageId = nullptr);
     /** Writes bytes as they are; false if no client is connected or the write failed. */
     bool sendRaw(const std::string& bytes);
     /** Closes the client connection (FIN). */
@@ -135,9 +136,9 @@ private:
     // Owned by the serving thread once it runs (listenPort never changes).
     int listenFd;
     int clientFd;
-    int wakeFds[2];     // a byte written here interrupts poll()
+    int wakeFds[2]; // a byte written here interrupts poll()
     int listenPort;
-    std::string input;  // client bytes not yet parsed into frames
+    std::string input; // client bytes not yet parsed into frames
     int messageCounter;
 
     mutable std::mutex mutex;
@@ -148,7 +149,7 @@ private:
     std::vector<RecordedFrame> recorded;
     int accepted;
     bool clientOpen;
-    HeaderMap subscriptions;  // destination -> id, for the current connection
+    HeaderMap subscriptions; // destination -> id, for the current connection
     ConnectReply connectReply;
     HeaderMap connectedHeaders;
     bool generateSession;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef TAVREN_TEST_LOOPBACKPEER_H
 #define TAVREN_TEST_LOOPBACKPEER_H
 
@@ -13,8 +14,8 @@ namespace test {
  */
 class LoopbackPeer {
 public:
-    LoopbackPeer();   // listens at once
-    ~LoopbackPeer();  // closes everything
+    LoopbackPeer();  // listens at once
+    ~LoopbackPeer(); // closes everything
     LoopbackPeer(const LoopbackPeer&) = delete;
     LoopbackPeer& operator=(const LoopbackPeer&) = delete;
 

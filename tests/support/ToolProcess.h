@@ -18,10 +18,10 @@ namespace test {
 
 /** How a command-line tool ended and what it printed. */
 struct ToolResult {
-    int status = -1;      // exit status, or 128 + signal, or -1 when it could not run
+    int status = -1; // exit status, or 128 + signal, or -1 when it could not run
     std::string out;
     std::string err;
-    double seconds = 0;   // how long it ran
+    double seconds = 0; // how long it ran
 };
 
 /**
@@ -30,8 +30,8 @@ struct ToolResult {
  * SIGKILL (status 137). Plain fork and exec: the child calls nothing else
  * before exec, so the test's own threads do not matter.
  */
-inline ToolResult runTool(const std::string& path, const std::vector<std::string>& args,
-                          const std::string& input = "", int timeoutMs = 60000) {
+inline ToolResult runTool(const std::string& path, const std::vector<std::string>& args, const std::string& input = "",
+                          int timeoutMs = 60000) {
     ToolResult result;
     const auto started = std::chrono::steady_clock::now();
     std::vector<std::string> words{path};

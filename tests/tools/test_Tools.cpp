@@ -243,7 +243,8 @@ TEST_F(Tools, ListenRefusesWrongArgumentsWithExitTwoAndSaysWhy) {
 TEST_F(Tools, ListenPrintsEveryMessageInOrderAndAcknowledgesEach) {
     auto run = startTool(kListen, at({"-n", "3", "-t", "30", "q"}));
     ASSERT_TRUE(broker.waitForSubscription("/queue/q", 10000));
-    for (const char* body : {"first", "second with spaces", "th\xC3\xAErd"}) ASSERT_TRUE(broker.pushMessage("/queue/q", body));
+    for (const char* body : {"first", "second with spaces", "th\xC3\xAErd"})
+        ASSERT_TRUE(broker.pushMessage("/queue/q", body));
     ToolResult r = run.get();
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("first\nsecond with spaces\nth\xC3\xAErd\n", r.out);
@@ -264,11 +265,13 @@ TEST_F(Tools, ListenPrintsTheHeadersOnRequest) {
               "content-length:4\n"
               "destination:/queue/q\n"
               "message-id:msg-1\n"
-              "subscription:" + subscription + "\n"
-              "x-note:a:b\n"
-              "\n"
-              "body\n"
-              "\n",
+              "subscription:" +
+                  subscription +
+                  "\n"
+                  "x-note:a:b\n"
+                  "\n"
+                  "body\n"
+                  "\n",
               r.out);
 }
 

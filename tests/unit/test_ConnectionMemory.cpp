@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A connection lives for months: what one frame needs must not outlive it.
 // 100,000 frames are read (and written) on one connection, and the process's
 // memory after 10,000 is compared with its memory after 100,000.
@@ -21,30 +22,28 @@
 
 using tavren::internal::ServerFrame;
 using tavren::internal::StompConnection;
-using tavren::test::TestFrame;
 using tavren::test::heapInUseKiB;
 using tavren::test::residentKiB;
+using tavren::test::TestFrame;
 
 namespace {
-
-
 
 // Frames of both kinds, a line spanning reads now and then, and heart-beats between them.
 std::string frameBytes(int i) {
     std::string id = std::to_string(i);
     if (i % 3 == 0) {
         const std::string body = "sized body number " + id;
-        return "MESSAGE\ncontent-length:" + std::to_string(body.size()) + "\ndestination:/queue/mem\nmessage-id:" +
-               id + "\nsubscription:sub-1\n\n" + body + std::string("\0\n", 2);
+        return "MESSAGE\ncontent-length:" + std::to_string(body.size()) + "\ndestination:/queue/mem\nmessage-id:" + id +
+               "\nsubscription:sub-1\n\n" + body + std::string("\0\n", 2);
     }
-    return "MESSAGE\ndestination:/queue/mem\nmessage-id:" + id + "\nx-long:" + std::string(i % 50 == 0 ? 3000 : 40, 'v') +
-           "\n\nplain body number " + id + std::string("\0\n", 2);
+    return "MESSAGE\ndestination:/queue/mem\nmessage-id:" + id +
+           "\nx-long:" + std::string(i % 50 == 0 ? 3000 : 40, 'v') + "\n\nplain body number " + id +
+           std::string("\0\n", 2);
 }
 
 } // namespace
 
 using ConnectionMemory = tavren::test::ConnectedPeer;
-
 
 TEST_F(ConnectionMemory, ReadingManyFramesDoesNotGrowMemory) {
     SKIP_UNDER_SANITIZERS();

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame parser on its own: bytes in, frames out, no socket.
 #include "transport/FrameParser.h"
 
@@ -16,7 +17,6 @@ using tavren::internal::ServerFrame;
 using tavren::test::bytes;
 
 namespace {
-
 
 struct Fed {
     std::vector<std::unique_ptr<ServerFrame>> frames;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <tavren/Logger.h>
 
 #include <gtest/gtest.h>
@@ -27,8 +28,8 @@ bool isTimeStamp(const std::string& text) {
 bool isLogLine(const std::string& line, const std::string& prefix, const std::string& message) {
     const size_t stamp = prefix.size();
     const size_t rest = stamp + 16;
-    return line.compare(0, stamp, prefix) == 0 && line.size() >= rest &&
-           isTimeStamp(line.substr(stamp, 16)) && line.substr(rest) == ": " + message + "\n";
+    return line.compare(0, stamp, prefix) == 0 && line.size() >= rest && isTimeStamp(line.substr(stamp, 16)) &&
+           line.substr(rest) == ": " + message + "\n";
 }
 
 TEST(Logger, TimeStringIsDateHoursAndMinutes) {
@@ -98,8 +99,10 @@ private:
 void* hammer(void* arg) {
     Overlap* logger = static_cast<Overlap*>(arg);
     for (int i = 0; i < 500; ++i) {
-        if (i % 2) logger->safe_log_info("x");
-        else logger->safe_log_error("y");
+        if (i % 2)
+            logger->safe_log_info("x");
+        else
+            logger->safe_log_error("y");
     }
     return nullptr;
 }

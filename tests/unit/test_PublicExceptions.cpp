@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <tavren/ConnectionException.h>
 #include <tavren/SystemException.h>
 
@@ -12,10 +13,14 @@ using tavren::ConnectionException;
 using tavren::SystemException;
 
 TEST(ConnectionException, EachTypeHasItsText) {
-    const char* texts[] = {"Timed out while attempting to connect.", "The connection was refused.",
-                           "No route to host.",                      "Host is down.",
-                           "The Broker replied with an error.",      "No connection is established.",
-                           "The connection was not closed cleanly.", "Unknown connection error."};
+    const char* texts[] = {"Timed out while attempting to connect.",
+                           "The connection was refused.",
+                           "No route to host.",
+                           "Host is down.",
+                           "The Broker replied with an error.",
+                           "No connection is established.",
+                           "The connection was not closed cleanly.",
+                           "Unknown connection error."};
     for (int type = 0; type < 8; ++type) {
         ConnectionException e(static_cast<ConnectionException::ErrorType>(type), "");
         EXPECT_STREQ(e.what(), texts[type]) << type;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading frames off a socket that a raw loopback peer writes to.
 #include "transport/StompConnection.h"
 
@@ -32,7 +33,6 @@ long long msSince(Clock::time_point start) {
 
 class ConnectionRead : public tavren::test::ConnectedPeer {
 protected:
-
     // A blocking read with a generous time-out.
     apr_status_t readBlocking(std::unique_ptr<ServerFrame>* frame, long long timeoutUs = 5000000) {
         ServerFrame* out = nullptr;
@@ -59,7 +59,6 @@ protected:
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     }
-
 };
 
 } // namespace
@@ -157,8 +156,8 @@ TEST_F(ConnectionRead, LongLineAndLongBodyAreReadWhole) {
 TEST_F(ConnectionRead, OneMebibyteSizedBodyArrivesWhole) {
     std::string body(1024 * 1024, 'x');
     for (size_t i = 0; i < body.size(); i += 4099) body[i] = static_cast<char>('a' + i % 26);
-    const std::string wire = "MESSAGE\ncontent-length:" + std::to_string(body.size()) + "\n\n" + body +
-                             std::string("\0\n", 2);
+    const std::string wire =
+        "MESSAGE\ncontent-length:" + std::to_string(body.size()) + "\n\n" + body + std::string("\0\n", 2);
     std::thread sender([&] { peer.send(wire); });
     std::unique_ptr<ServerFrame> f;
     int polls = 0;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One connection used from several threads at once, as the engine does: a
 // listen thread polling without blocking while application threads write.
 // Frames must never interleave on the wire. Meant to run under TSan too.
@@ -34,7 +35,8 @@ TEST_F(ConnectionThreads, WritersAndAPollingReaderShareOneConnection) {
     std::thread broker([&] {
         std::string all;
         for (int i = 0; i < incoming; ++i)
-            all += "MESSAGE\nmessage-id:" + std::to_string(i) + "\n\nbody " + std::to_string(i) + std::string("\0\n", 2);
+            all +=
+                "MESSAGE\nmessage-id:" + std::to_string(i) + "\n\nbody " + std::to_string(i) + std::string("\0\n", 2);
         peer.sendSlowly(all, 97, 1);
     });
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Waiting for input without holding the connection, and the socket's options.
 #include "transport/StompConnection.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Connecting, writing and disconnecting, checked byte for byte at a raw peer.
 #include "transport/StompConnection.h"
 
@@ -12,8 +13,8 @@
 
 #include <chrono>
 #include <string>
-#include <vector>
 #include <thread>
+#include <vector>
 
 using tavren::internal::StompConnection;
 using tavren::test::bytes;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "frames/ClientFrame.h"
 #include "frames/ReceiptFrame.h"
 #include "frames/ServerFrame.h"
@@ -130,8 +131,7 @@ TEST(StompFrame, DumpWithoutHeadersHasTheBannersBackToBack) {
     frame.setBody("");
     bool bad = true;
     const std::string text = dump(frame, &bad);
-    EXPECT_EQ(std::string(kFrame) + commandLine(frame) + kHdrs + kEndHdrs + kBody + "\n" + kEndBody + kEndFrame,
-              text);
+    EXPECT_EQ(std::string(kFrame) + commandLine(frame) + kHdrs + kEndHdrs + kBody + "\n" + kEndBody + kEndFrame, text);
     EXPECT_FALSE(bad);
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The stacks message workers run on: reused, guarded, and kept for a thread
 // that still runs on one.
 #include "client/WorkerStacks.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/perl
+# SPDX-License-Identifier: Apache-2.0
 # Net::Stomp (Debian's libnet-stomp-perl) in libtavren's client comparison.
 #
 #   net_stomp.pl MODE HOST PORT VERSION QUEUE N [EXTRA]

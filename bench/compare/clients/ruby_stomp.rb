@@ -1,4 +1,5 @@
 #!/usr/bin/ruby
+# SPDX-License-Identifier: Apache-2.0
 # The Ruby stomp gem (Debian's ruby-stomp) in libtavren's client comparison.
 #
 #   ruby_stomp.rb MODE HOST PORT VERSION QUEUE N [EXTRA]

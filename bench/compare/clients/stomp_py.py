@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """stomp.py (Debian's python3-stomp) in libtavren's client comparison.
 
     stomp_py.py MODE HOST PORT VERSION QUEUE N [EXTRA]

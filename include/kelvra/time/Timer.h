@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #ifndef KELVRA_TIME_TIMER_H
 #define KELVRA_TIME_TIMER_H
 
