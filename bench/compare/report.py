@@ -356,6 +356,76 @@ METHOD = """\
 """
 
 
+def goals_markdown(results):
+    """The receive path's goals, each checked against this run's medians."""
+
+    def med(workload, broker, client, key):
+        values = cell_values(results, workload, broker, client, key)[0]
+        return statistics.median(values) if values else None
+
+    def best_other(workload, broker, key, higher):
+        values = [med(workload, broker, c, key) for c in OTHERS]
+        values = [v for v in values if v is not None]
+        if not values:
+            return None
+        return max(values) if higher else min(values)
+
+    lines = ["| goal | broker | measured | target | met |", "|---|---|---:|---:|---|"]
+
+    def row(goal, broker, measured, target, met):
+        mark = "–" if met is None else ("yes" if met else "**no**")
+        lines.append("| %s | %s | %s | %s | %s |" % (goal, BROKER_NAMES.get(broker, broker), measured, target, mark))
+
+    def ratio_row(goal, broker, value, reference, at_least, bound):
+        if value is None or not reference:
+            return row(goal, broker, "–", ("≥ " if at_least else "≤ ") + "%.1f×" % bound, None)
+        r = value / reference
+        row(goal, broker, "%.2f×" % r, ("≥ " if at_least else "≤ ") + "%.1f×" % bound,
+            r >= bound if at_least else r <= bound)
+
+    for broker in BOTH:
+        tav = med("receive", broker, "libtavren", "rate")
+        ratio_row("receive + ACK ÷ floor", broker, tav, med("receive", broker, "floor", "rate"), True, 0.8)
+        ratio_row("receive + ACK ÷ best other", broker, tav, best_other("receive", broker, "rate", True), True, 1.0)
+        ratio_row("receive CPU per message ÷ floor", broker, med("receive", broker, "libtavren", "cpu_us_per_msg"),
+                  med("receive", broker, "floor", "cpu_us_per_msg"), False, 3.0)
+        rt = med("roundtrip", broker, "libtavren", "median_us")
+        ratio_row("round trip median ÷ best other", broker, rt, best_other("roundtrip", broker, "median_us", False),
+                  False, 1.0)
+        ratio_row("round trip median ÷ floor", broker, rt, med("roundtrip", broker, "floor", "median_us"), False, 2.5)
+        p99 = med("roundtrip", broker, "libtavren", "p99_us")
+        row("round trip p99", broker, "–" if p99 is None else "{:,} µs".format(int(p99)), "< 2,000 µs",
+            None if p99 is None else p99 < 2000)
+        ratio_row("send to the broker ÷ floor", broker, med("send", broker, "libtavren", "rate"),
+                  med("send", broker, "floor", "rate"), True, 0.9)
+        dups, gaps = med("backlog", broker, "libtavren", "dups"), med("backlog", broker, "libtavren", "gaps")
+        left = med("backlog", broker, "libtavren", "left")
+        unacked = med("backlog", broker, "libtavren", "left_unacknowledged_lines")
+        once = None if None in (dups, gaps, left, unacked) else (dups == 0 and gaps == 0 and left == 0 and unacked == 0)
+        row("backlog: each message once, all acknowledged, no \"left unacknowledged\"", broker,
+            "–" if once is None else "%d / %d / %d / %d" % (dups, gaps, left, unacked), "0 / 0 / 0 / 0", once)
+        threads = med("backlog", broker, "libtavren", "peak_threads")
+        row("backlog peak threads", broker, "–" if threads is None else "%d" % threads, "≤ 20 (16 workers + 4)",
+            None if threads is None else threads <= 20)
+        rss = med("backlog", broker, "libtavren", "peak_rss_mib")
+        row("backlog peak RSS", broker, "–" if rss is None else "%.1f MiB" % rss, "< 64 MiB",
+            None if rss is None else rss < 64)
+        delay = med("ackdelay", broker, "libtavren", "median_us")
+        row("ACK after the listener's return, median", broker, "–" if delay is None else "{:,} µs".format(int(delay)),
+            "≤ 5,000 µs", None if delay is None else delay <= 5000)
+    discard = med("send-discard", "discard", "libtavren", "rate")
+    ratio_row("send to the discard server ÷ floor (batched)", "discard", discard,
+              med("send-discard", "discard", "floor", "rate"), True, 0.5)
+    ratio_row("send to the discard server ÷ floor (1 write per frame)", "discard", discard,
+              med("send-discard", "discard", FLOOR1, "rate"), True, 0.5)
+    notes = os.path.join(os.path.dirname(os.path.abspath(__file__)), "goals.md")
+    text = "\n".join(lines) + "\n"
+    if os.path.exists(notes):
+        with open(notes) as f:
+            text += "\n" + f.read()
+    return text
+
+
 def write(results, elapsed, meta=None):
     meta = meta or {}
     rows = summary_rows(results)
@@ -423,6 +493,9 @@ Medians of the repetitions. ↑: higher is better, ↓: lower is better.
 
 %(errors)s
 
+## Goals of the receive path
+
+%(goals)s
 ## Method
 
 %(method)s
@@ -442,6 +515,7 @@ Medians of the repetitions. ↑: higher is better, ↓: lower is better.
         "table": table_markdown(rows, clients),
         "plot": "![messages per second per client](performance.png)" if plotted else "",
         "errors": errors_markdown(results),
+        "goals": goals_markdown(results),
         "method": method,
         "raw": raw_markdown(results),
     }

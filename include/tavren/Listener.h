@@ -51,8 +51,8 @@ public:
      * calls run at once). Calls for messages that arrive close together run
      * at the same time and may return in any order.
      *
-     * The answer is acknowledged on the connection the message came on,
-     * within about 20 ms after the return: 0 sends an ACK, any other value a
+     * The answer is acknowledged on the connection the message came on, as
+     * soon as the call has returned: 0 sends an ACK, any other value a
      * NACK. An exception that leaves onMessage counts as a NACK; the library
      * catches it, so it never ends the process (thread cancellation and
      * pthread_exit still unwind as usual). If the connection is gone by then

@@ -257,8 +257,10 @@ public:
      * count workers are busy, the client reads nothing more from the broker
      * until one of them returns, so the broker's frames wait in the socket
      * and TCP holds the broker back. A receipt for listenOnQueue or
-     * stopListeningOnQueue waits behind them too. Takes effect for the next
-     * message; may be called at any time.
+     * stopListeningOnQueue waits behind them too. The first time all are busy
+     * on a connection, the library logs "All N message workers are busy:
+     * reading from the broker pauses until one finishes." Takes effect for
+     * the next message; may be called at any time.
      *
      * @param count the most listener calls at once; below 1 counts as 1
      */
@@ -266,9 +268,11 @@ public:
 
     /**
      * The stack size, in bytes, of each worker thread that runs onMessage
-     * (default 256 KiB; raised to the system's minimum when smaller). A
-     * listener that needs a deeper stack sets a larger one. Takes effect for
-     * the next message; may be called at any time.
+     * (default 256 KiB; raised to the system's minimum when smaller, and to
+     * 1 MiB in builds with AddressSanitizer or ThreadSanitizer). A listener
+     * that needs a deeper stack sets a larger one. The library keeps these
+     * stacks mapped and reuses them, each with a guard page below it. Takes
+     * effect for the next message; may be called at any time.
      *
      * @param bytes the stack size; rounded up to whole pages
      */
