@@ -26,18 +26,7 @@ work=$build/compare
 started=$SECONDS
 
 echo "== Installing what the benchmark needs"
-"$root/scripts/install-deps.sh"
-packages=(python3-stomp libnet-stomp-perl ruby-stomp gnuplot-nox)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+"$root/scripts/install-deps.sh" python3-stomp libnet-stomp-perl ruby-stomp gnuplot-nox
 
 echo "== Building libtavren (Release) in $build"
 mkdir -p "$work/bin"

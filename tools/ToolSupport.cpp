@@ -137,6 +137,17 @@ bool applyCommonOption(int id, const char* value, ConnectionOptions* options) {
     }
 }
 
+void applyOtherOption(int id, char* const argv[], void (*printHelp)(), ConnectionOptions* options) {
+    switch (id) {
+    case 'v': options->verbose = true; return;
+    case 'h':
+    case kOptHelp: printHelp(); std::exit(kExitOk);
+    case ':': throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
+    case '?': throw UsageError(std::string("unknown option ") + argv[optind - 1]);
+    default: applyCommonOption(id, optarg, options);
+    }
+}
+
 std::string bareQueueName(const std::string& queue) {
     const std::string prefix = "/queue/";
     return startsWith(queue, prefix) ? queue.substr(prefix.size()) : queue;

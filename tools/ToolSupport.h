@@ -73,6 +73,13 @@ const char* commonOptionsHelp();
 /** Applies a shared option; false when id is none of them. Throws UsageError for a bad value. */
 bool applyCommonOption(int id, const char* value, ConnectionOptions* options);
 
+/**
+ * What every tool does with a getopt_long result that is not one of its own
+ * options: -v, -h and --help (printHelp, then exit 0), a missing value or an
+ * unknown option (UsageError), and the shared options.
+ */
+void applyOtherOption(int id, char* const argv[], void (*printHelp)(), ConnectionOptions* options);
+
 /** A whole decimal number within [min, max]; what names it in the error. */
 long parseInteger(const char* text, const char* what, long min, long max);
 /** Seconds, fractions allowed, more than 0. */

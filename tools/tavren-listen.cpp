@@ -76,12 +76,7 @@ ListenOptions parse(int argc, char** argv) {
         case 't': options.timeout = parseSeconds(optarg, "--timeout"); break;
         case kOptHeaders: options.headers = true; break;
         case kOptNack: options.nack = true; break;
-        case 'v': options.connection.verbose = true; break;
-        case 'h':
-        case kOptHelp: printHelp(); std::exit(kExitOk);
-        case ':': throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
-        case '?': throw UsageError(std::string("unknown option ") + argv[optind - 1]);
-        default: applyCommonOption(id, optarg, &options.connection);
+        default: applyOtherOption(id, argv, &printHelp, &options.connection);
         }
     }
     const int rest = argc - optind;

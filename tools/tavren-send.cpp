@@ -75,12 +75,7 @@ SendOptions parse(int argc, char** argv) {
             break;
         }
         case 't': options.timeout = parseSeconds(optarg, "--timeout"); break;
-        case 'v': options.connection.verbose = true; break;
-        case 'h':
-        case kOptHelp: printHelp(); std::exit(kExitOk);
-        case ':': throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
-        case '?': throw UsageError(std::string("unknown option ") + argv[optind - 1]);
-        default: applyCommonOption(id, optarg, &options.connection);
+        default: applyOtherOption(id, argv, &printHelp, &options.connection);
         }
     }
     const int rest = argc - optind;
