@@ -148,9 +148,11 @@ void applyOtherOption(int id, char* const argv[], void (*printHelp)(), Connectio
     }
 }
 
-std::string bareQueueName(const std::string& queue) {
+std::string queueArgument(const std::string& queue) {
     const std::string prefix = "/queue/";
-    return startsWith(queue, prefix) ? queue.substr(prefix.size()) : queue;
+    const std::string bare = startsWith(queue, prefix) ? queue.substr(prefix.size()) : queue;
+    if (bare.empty()) throw UsageError("QUEUE must not be empty");
+    return bare;
 }
 
 ToolLogger::ToolLogger(std::string tool, bool verbose) : tool(std::move(tool)), verbose(verbose) {}

@@ -85,8 +85,11 @@ long parseInteger(const char* text, const char* what, long min, long max);
 /** Seconds, fractions allowed, more than 0. */
 double parseSeconds(const char* text, const char* what);
 
-/** "orders" for "orders" and "/queue/orders": the library adds the prefix itself. */
-std::string bareQueueName(const std::string& queue);
+/**
+ * The QUEUE argument as the library takes it: "orders" for "orders" and
+ * "/queue/orders" (the library adds the prefix itself). UsageError when empty.
+ */
+std::string queueArgument(const std::string& queue);
 
 /**
  * Keeps the library's log off the terminal unless verbose (then it goes to

@@ -82,8 +82,7 @@ ListenOptions parse(int argc, char** argv) {
     const int rest = argc - optind;
     if (rest < 1) throw UsageError("no QUEUE given");
     if (rest > 1) throw UsageError("too many arguments");
-    options.queue = bareQueueName(argv[optind]);
-    if (options.queue.empty()) throw UsageError("QUEUE must not be empty");
+    options.queue = queueArgument(argv[optind]);
     return options;
 }
 

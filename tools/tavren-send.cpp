@@ -81,8 +81,7 @@ SendOptions parse(int argc, char** argv) {
     const int rest = argc - optind;
     if (rest < 1) throw UsageError("no QUEUE given");
     if (rest > 2) throw UsageError("too many arguments (put a TEXT with spaces in quotes)");
-    options.queue = bareQueueName(argv[optind]);
-    if (options.queue.empty()) throw UsageError("QUEUE must not be empty");
+    options.queue = queueArgument(argv[optind]);
     if (rest == 2) {
         options.text = argv[optind + 1];
         options.hasText = true;

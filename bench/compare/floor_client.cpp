@@ -29,6 +29,7 @@
 //              nothing came for EXTRA ms (default 1000)
 // Prints one line "RESULT {json}" at the end. Times are CLOCK_MONOTONIC seconds.
 
+#include "seq_tally.h"
 #include "wire.h"
 
 #include <algorithm>
@@ -197,8 +198,8 @@ int runSend(const Args& a, bool withSeq) {
 
 int runReceive(const Args& a) {
     Session s(a);
-    std::vector<unsigned char> seen(a.n + 2, 0);
-    long got = 0, unique = 0, dups = 0, noSeq = 0, messages = 0;
+    SeqTally tally(a.n);
+    long messages = 0;
     std::string acks;
     acks.reserve(1 << 16);
     const double t0 = wire::now();
@@ -217,22 +218,13 @@ int runReceive(const Args& a) {
             ++messages;
             s.appendAck(f, acks);
             std::string_view seqText = f.header("bench-seq");
-            long seq = seqText.empty() ? 0 : std::strtol(std::string(seqText).c_str(), nullptr, 10);
-            if (seq <= 0 || seq > a.n) {
-                ++noSeq;
-            } else if (seen[seq]) {
-                ++dups;
-            } else {
-                seen[seq] = 1;
-                ++unique;
-            }
-            ++got;
+            tally.count(seqText.empty() ? 0 : std::strtol(std::string(seqText).c_str(), nullptr, 10));
         }
         if (!acks.empty()) {
             if (!wire::writeAll(s.fd, acks)) wire::die("write ACK");
             acks.clear();
         }
-        if (unique >= a.n && !announced) {
+        if (tally.unique >= a.n && !announced) {
             std::printf("GOT %.6f\n", wire::now());
             std::fflush(stdout);
             announced = true;
@@ -248,15 +240,15 @@ int runReceive(const Args& a) {
             }
         }
         if (wire::now() > deadline) {
-            std::fprintf(stderr, "gave up after the client time-out with %ld of %ld\n", unique, a.n);
+            std::fprintf(stderr, "gave up after the client time-out with %ld of %ld\n", tally.unique, a.n);
             break;
         }
     }
-    long gaps = a.n - unique;
+    long gaps = a.n - tally.unique;
     s.disconnect();
     std::printf("RESULT {\"t0\": %.6f, \"got\": %ld, \"unique\": %ld, \"dups\": %ld, \"gaps\": %ld, \"noseq\": %ld, "
                 "\"version\": \"%s\"}\n",
-                t0, messages, unique, dups, gaps, noSeq, s.negotiated.c_str());
+                t0, messages, tally.unique, tally.dups, gaps, tally.noSeq, s.negotiated.c_str());
     return 0;
 }
 

@@ -20,6 +20,8 @@
 // The library's log goes to the file named by BENCH_TAVREN_LOG (or nowhere).
 // Prints one line "RESULT {json}" at the end. Times are CLOCK_MONOTONIC seconds.
 
+#include "seq_tally.h"
+
 #include <tavren/tavren.h>
 
 #include <poll.h>
@@ -73,7 +75,7 @@ private:
 // Counts messages by their "bench-seq" header and wakes the main thread.
 class CountingListener : public tavren::Listener {
 public:
-    CountingListener(long expected, bool recordTimes) : expected(expected), record(recordTimes), seen(expected + 2, 0) {
+    CountingListener(long expected, bool recordTimes) : record(recordTimes), tally(expected) {
         if (record) {
             ends.assign(expected + 2, 0);
             ids.resize(expected + 2);
@@ -91,15 +93,8 @@ public:
         }
         std::lock_guard<std::mutex> lock(mutex);
         ++messages;
-        if (seq <= 0 || seq > expected) {
-            ++noSeq;
-        } else if (seen[seq]) {
-            ++dups;
-        } else {
-            seen[seq] = 1;
-            ++unique;
-        }
-        if (record && seq > 0 && seq <= expected) {
+        tally.count(seq);
+        if (record && tally.inRange(seq)) {
             ids[seq] = id;
             ends[seq] = now(); // the listener's last act before it returns
         }
@@ -110,7 +105,7 @@ public:
     // Waits until n distinct messages arrived or the deadline passed.
     bool waitUnique(long n, double deadline) {
         std::unique_lock<std::mutex> lock(mutex);
-        while (unique < n) {
+        while (tally.unique < n) {
             if (now() > deadline) return false;
             changed.wait_for(lock, std::chrono::milliseconds(100));
         }
@@ -127,14 +122,13 @@ public:
         return true;
     }
 
-    const long expected;
     const bool record;
     std::mutex mutex;
     std::condition_variable changed;
-    std::vector<unsigned char> seen;
+    SeqTally tally;
     std::vector<double> ends;
     std::vector<std::string> ids;
-    long messages = 0, unique = 0, dups = 0, noSeq = 0;
+    long messages = 0;
 };
 
 // A listener for the control queue of the send measurement; nothing arrives.
@@ -223,8 +217,8 @@ int main(int argc, char** argv) {
         std::printf(
             "RESULT {\"t0\": %.6f, \"got\": %ld, \"unique\": %ld, \"dups\": %ld, \"gaps\": %ld, \"noseq\": %ld, "
             "\"version\": \"%s\"}\n",
-            t0, listener.messages, listener.unique, listener.dups, n - listener.unique, listener.noSeq,
-            version.c_str());
+            t0, listener.messages, listener.tally.unique, listener.tally.dups, n - listener.tally.unique,
+            listener.tally.noSeq, version.c_str());
         return status;
     }
 
