@@ -204,7 +204,12 @@ TEST_P(BrokerMessaging, UnprocessedMessageIsRejected) {
         usleep(1500 * 1000);
         // Handed again once and processed then; otherwise not handed again
         // while this client stays connected.
-        EXPECT_EQ(listener.count(), outcome == NackOutcome::HandedAgain ? 2 : 1);
+        if (ackAccepted(GetParam())) {
+            EXPECT_EQ(listener.count(), outcome == NackOutcome::HandedAgain ? 2 : 1);
+        } else { // may be handed twice, see ackAccepted
+            EXPECT_GE(listener.count(), 1);
+            EXPECT_LE(listener.count(), 2);
+        }
         client->closeConnection();
     }
 
@@ -231,7 +236,10 @@ TEST_P(BrokerMessaging, UnprocessedMessageIsRejected) {
                                                   : std::vector<std::string>{"fresh"};
     ASSERT_TRUE(later.waitEntered(static_cast<int>(expected.size()), 10000));
     usleep(1000 * 1000);
-    EXPECT_EQ(texts(later.received()), expected);
+    // ActiveMQ with 1.2 refuses the ACKs too and now and then hands a message
+    // out twice (see ackAccepted), so there each text counts once.
+    const std::vector<std::string> got = texts(later.received());
+    EXPECT_EQ(ackAccepted(GetParam()) ? got : distinct(got), expected);
 }
 
 // The listen thread writes a message's ACK just after its listener returned
