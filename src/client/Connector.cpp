@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/Connector.h"
 
+#include "client/Defaults.h"
 #include "client/StompClientImpl.h"
 #include "frames/ConnectFrame.h"
 #include "transport/AprException.h"
@@ -19,7 +20,23 @@ namespace {
 // How long the broker has to answer CONNECT, in microseconds.
 const long long kHandshakeTimeoutUs = 3000000;
 
+// How many attempts this thread is inside (an attempt subscribes the
+// listeners again, and a failure there must not start another attempt).
+thread_local int attemptsInside = 0;
+
+class InsideAttempt {
+public:
+    InsideAttempt() { ++attemptsInside; }
+    ~InsideAttempt() { --attemptsInside; }
+    InsideAttempt(const InsideAttempt&) = delete;
+    InsideAttempt& operator=(const InsideAttempt&) = delete;
+};
+
 } // namespace
+
+bool Connector::insideAttempt() { return attemptsInside > 0; }
+
+void Connector::startRetries() { restartIn(owner->retryDelayMs()); }
 
 ConnectionException::ErrorType Connector::errorTypeFor(int reason) {
     switch (reason) {
@@ -42,12 +59,15 @@ Connector::~Connector() {
 }
 
 void Connector::attemptConnect() {
+    InsideAttempt inside;
+    owner->attemptStarted();
     StompConnection* connection = owner->connection.get();
     try {
         apr_status_t rc = connection->connect(owner->host.c_str(), owner->port, nullptr, nullptr);
         if (rc != 0) {
             if (connection) connection->disconnect();
-            throw AprException(rc);
+            // A host that did not answer within the connect time-out timed out.
+            throw AprException(APR_STATUS_IS_TIMEUP(rc) ? ETIMEDOUT : rc);
         }
 
         ConnectFrame frame;
@@ -57,7 +77,8 @@ void Connector::attemptConnect() {
         frame.setHeartbeat(owner->clientHeartbeat.c_str(), owner->serverHeartbeat.c_str());
         if (!owner->virtualHost.empty()) frame.setVirtualHost(owner->virtualHost);
 
-        rc = connection->write(&frame, nullptr);
+        long long writeTimeout = kWriteTimeoutUs;
+        rc = connection->write(&frame, &writeTimeout);
         if (rc != 0) {
             connection->disconnect();
             throw AprException(rc);
@@ -116,12 +137,12 @@ void Connector::onTimeout() {
         // Connected: this connector has been deleted.
     } catch (ConnectionException& e) {
         engine->logError(std::string("Reconnect failed with: ") + e.what());
-        restart();
+        startRetries();
     } catch (std::exception& e) {
         // A CONNECTED frame without a header the session needs: retried
         // like any failure, since nobody could catch it on this thread.
         engine->logError(std::string("Reconnect failed with: ") + e.what());
-        restart();
+        startRetries();
     }
 
     engine->retryLeft();

@@ -17,8 +17,9 @@ class StompClientImpl;
  * Makes the connection for the engine: one attempt opens the socket, writes
  * CONNECT, reads the broker's first frame within 3 seconds and, on
  * CONNECTED, stores the session and tells the engine. After a failed first
- * attempt the engine starts the timer, and every period (milliseconds) the
- * timer's thread tries again, until one attempt succeeds. A successful
+ * attempt the engine starts the timer, and every period (milliseconds, plus
+ * up to a tenth of it at random) the timer's thread tries again, until one
+ * attempt succeeds. A successful
  * attempt deletes the connector (the engine does, from eventConnect).
  */
 class Connector : public kelvra::time::Timer {
@@ -28,6 +29,12 @@ public:
 
     /** One attempt. Returns when connected (the connector is then gone); throws ConnectionException when not. */
     void attemptConnect();
+
+    /** Starts the retries: the first one period (and a little jitter) from now. Under the engine lock. */
+    void startRetries();
+
+    /** True on a thread that is inside attemptConnect (of any connector), subscribing again included. */
+    static bool insideAttempt();
 
     /**
      * The engine has let go of this connector: a retry that has not yet got

@@ -45,6 +45,37 @@ const size_t kLeastWorkerStackSize = 0; // the system's minimum applies
 // are resident.
 const size_t kKeptWorkerStacks = 32;
 
+// A write to the broker fails when not one byte of it could be sent for
+// this long (microseconds); the connection is then taken as lost and made
+// again. A broker that reads at all, however slowly, is waited for; one
+// that stopped reading no longer holds the engine (and with it every
+// caller) for ever. Ten seconds is long beyond any pause of a working
+// broker or network, and short enough that a public call that meets a
+// stalled write still returns within half a minute.
+const long long kWriteTimeoutUs = 10 * 1000 * 1000;
+
+// How long a subscription or unsubscription waits for the broker's receipt
+// (milliseconds). A broker answers within milliseconds; one that has not
+// answered after ten seconds is taken as lost, and the reconnect subscribes
+// the listener again. The re-subscriptions after a connect share one such
+// wait, so that a connection with many listeners is not held longer.
+const int kReceiptTimeoutMs = 10 * 1000;
+
+// When stopping the listen thread, the ACKs and NACKs of workers that
+// finished meanwhile get this long in all (microseconds): a broker that
+// stopped reading must not hold a close.
+const long long kSettleWriteBudgetUs = 2 * 1000 * 1000;
+
+// closeConnection and the destructor wait this long (milliseconds) for
+// whoever holds the engine; after that the connection is shut down under
+// it, so that a write stalled on it fails at once and lets go.
+const int kCloseGraceMs = 1000;
+
+// Each wait for the next reconnect attempt is the reconnect period plus a
+// random part of up to this share of it (percent), so that a fleet of
+// devices that lost the same broker does not come back in lock-step.
+const int kReconnectJitterPercent = 10;
+
 } // namespace internal
 } // namespace tavren
 

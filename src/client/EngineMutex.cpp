@@ -75,14 +75,26 @@ bool EngineMutex::lockUnless(const std::function<bool()>& giveUp) {
 }
 
 void EngineMutex::wait(kelvra::threads::CondVar& cond) {
+    waitReleased([&] {
+        cond.wait(&mutex);
+        return true;
+    });
+}
+
+bool EngineMutex::waitUntil(kelvra::threads::CondVar& cond, const struct timespec& deadline) {
+    return waitReleased([&] { return cond.waitUntil(&mutex, deadline); });
+}
+
+bool EngineMutex::waitReleased(const std::function<bool()>& waitOnce) {
     // A condition wait on a recursive mutex releases one level only; the
     // other levels are released here and taken back afterwards.
     const int held = depth;
     for (int i = 1; i < held; ++i) pthread_mutex_unlock(&mutex);
     depth = 0;
-    cond.wait(&mutex);
+    const bool woken = waitOnce();
     for (int i = 1; i < held; ++i) pthread_mutex_lock(&mutex);
     depth = held;
+    return woken;
 }
 
 } // namespace internal

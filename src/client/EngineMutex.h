@@ -42,7 +42,15 @@ public:
      */
     void wait(kelvra::threads::CondVar& cond);
 
+    /**
+     * As wait, but gives up at deadline (CLOCK_MONOTONIC). False when the
+     * deadline passed, true when woken earlier (perhaps spuriously).
+     */
+    bool waitUntil(kelvra::threads::CondVar& cond, const struct timespec& deadline);
+
 private:
+    bool waitReleased(const std::function<bool()>& waitOnce);
+
     pthread_mutex_t mutex;
     int depth; // how often the holder has taken it; touched only by the holder
 };

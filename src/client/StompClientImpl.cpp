@@ -8,6 +8,7 @@
 #include <apr_errno.h>
 #include <tavren/ConnectionException.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -35,7 +36,10 @@ StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
       retriesInside(0),
       runningListenThreads(0),
       maxWorkers(kDefaultMaxWorkers),
-      workerStackSize(kDefaultWorkerStackSize) {
+      workerStackSize(kDefaultWorkerStackSize),
+      attempted(false),
+      jitter(static_cast<std::minstd_rand::result_type>(std::random_device()() ^ std::hash<std::string>()(name))),
+      closing(0) {
     pthread_mutex_init(&threadsMutex, nullptr);
     connection.reset(new StompConnection());
     session.clean();
@@ -44,10 +48,28 @@ StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
     listenThread = new pthread_t;
 }
 
+namespace {
+
+// The engine lock for closeConnection and the destructor: taken even when a
+// write stalled on the connection holds it (see lockBreakingStalls).
+class ClosingLock {
+public:
+    ClosingLock(EngineMutex& m, const std::function<void()>& lockIt) : mutex(m) { lockIt(); }
+    ~ClosingLock() { mutex.unlock(); }
+    ClosingLock(const ClosingLock&) = delete;
+    ClosingLock& operator=(const ClosingLock&) = delete;
+
+private:
+    EngineMutex& mutex;
+};
+
+} // namespace
+
 StompClientImpl::~StompClientImpl() {
     std::vector<Connector*> retired;
+    ++closing;
     {
-        EngineLock lock(*mutex);
+        ClosingLock lock(*mutex, [this] { lockBreakingStalls(); });
         destroying = true;
         // A retry on the timer's thread may still be inside the engine
         // (subscribing again after it connected); it can open a connection
@@ -113,13 +135,17 @@ void StompClientImpl::setupRobustConnection(int period, kelvra::utility::Version
     setupConnector(name);
 }
 
-void StompClientImpl::setupConnector(std::string name) {
-    if (destroying) return;
-    Connector* fresh = new Connector(this, reconnectPeriod, name);
+void StompClientImpl::installConnector(Connector* fresh) {
     kelvra::UniquePtr<Connector> previous(connector.release());
     connector.reset(fresh);
     if (previous) previous->cancel(); // its retry, if waiting for the lock, gives up
     previous.clean();
+}
+
+void StompClientImpl::setupConnector(std::string name) {
+    if (destroying) return;
+    Connector* fresh = new Connector(this, reconnectPeriod, name);
+    installConnector(fresh);
 
     logInfo("Attempting to connect...");
     try {
@@ -127,12 +153,72 @@ void StompClientImpl::setupConnector(std::string name) {
         // Connected: eventConnect has deleted the connector.
     } catch (tavren::ConnectionException& e) {
         logError(std::string("Failed to connect on first try, ") + e.what());
-        fresh->start();
+        fresh->startRetries();
     } catch (...) {
         // Goes on to the caller; the timer still retries, so the engine does
         // not stay without a connection and without attempts.
-        fresh->start();
+        fresh->startRetries();
         throw;
+    }
+}
+
+void StompClientImpl::connectAgain() {
+    // Called under the lock after a connection was lost. The first attempt
+    // is made at once, unless the lost connection was made less than a
+    // reconnect period ago (a broker that accepts and drops at once must not
+    // be stormed), or unless the loss happened inside an attempt on this
+    // very thread (subscribing again after a connect): trying from there
+    // would nest one attempt inside the other for as long as they fail, and
+    // the timer's thread makes it with a fresh stack instead.
+    const long long since = msSinceLastAttempt();
+    Connector* fresh = new Connector(this, reconnectPeriod, clientName);
+    const int period = fresh->period();
+    if (!Connector::insideAttempt() && (since < 0 || since >= period)) {
+        delete fresh;
+        setupConnector(clientName);
+        return;
+    }
+    installConnector(fresh);
+    const long long delay = std::max(0LL, period - since) + (retryDelayMs() - period);
+    logInfo("Connecting again in " + std::to_string(delay) + " ms: the connection was lost " + std::to_string(since) +
+            " ms after the last attempt to connect began.");
+    fresh->restartIn(static_cast<int>(delay));
+}
+
+void StompClientImpl::attemptStarted() {
+    attempted = true;
+    lastAttempt = std::chrono::steady_clock::now();
+}
+
+long long StompClientImpl::msSinceLastAttempt() const {
+    if (!attempted) return -1;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - lastAttempt)
+        .count();
+}
+
+int StompClientImpl::retryDelayMs() {
+    // Called under the lock (the jitter source is shared).
+    const int period = reconnectPeriod < 1 ? 1 : reconnectPeriod;
+    const int spread = static_cast<int>(static_cast<long long>(period) * kReconnectJitterPercent / 100);
+    if (spread <= 0) return period;
+    return period + std::uniform_int_distribution<int>(0, spread)(jitter);
+}
+
+void StompClientImpl::lockBreakingStalls() {
+    // A holder of the engine lock lets go within moments, unless it writes
+    // to a broker that stopped reading (up to the write time-out) or
+    // connects to a host that does not answer. After the grace the socket
+    // is shut down under it: its write or read fails at once, and it lets go.
+    const auto graceOver = [] { return std::chrono::steady_clock::now() + std::chrono::milliseconds(kCloseGraceMs); };
+    auto until = graceOver();
+    const auto giveUp = [&until] { return std::chrono::steady_clock::now() >= until; };
+    if (mutex->lockUnless(giveUp)) return;
+    logError("The connection has kept the client busy for " + std::to_string(kCloseGraceMs) +
+             " ms: it is shut down so that the client can close.");
+    for (;;) {
+        connection->interrupt();
+        until = graceOver();
+        if (mutex->lockUnless(giveUp)) return;
     }
 }
 
@@ -161,7 +247,7 @@ void StompClientImpl::eventConnect() {
         eventDisconnect(true);
         if (!destroying) {
             connector.reset(new Connector(this, reconnectPeriod, clientName));
-            connector->start();
+            connector->startRetries();
         }
         return;
     }
@@ -190,8 +276,9 @@ void StompClientImpl::eventDisconnect(bool error) {
 
 void StompClientImpl::eventDisconnectError() {
     eventDisconnect(true);
-    if (destroying) return; // the engine is going away: no new attempt
-    setupConnector(clientName);
+    // The engine is going away, or being closed: no new attempt.
+    if (destroying || closing > 0) return;
+    connectAgain();
 }
 
 void StompClientImpl::joinListenThread() {
@@ -256,7 +343,8 @@ void StompClientImpl::sendMessage(std::string destination, const char* text, Hea
     frame->setDestination(destination);
     frame->setAdditionalHeaders(additionalHeaders);
 
-    const apr_status_t rc = connection->write(frame, nullptr);
+    long long timeout = kWriteTimeoutUs;
+    const apr_status_t rc = connection->write(frame, &timeout);
     if (rc != 0) eventDisconnectError();
 }
 
@@ -264,13 +352,15 @@ void StompClientImpl::closeConnection() {
     // Held throughout, not only taken and released: the listen thread, the
     // session and the connector are changed here, and every other change of
     // them happens under the lock too.
-    EngineLock lock(*mutex);
+    ++closing;
+    ClosingLock lock(*mutex, [this] { lockBreakingStalls(); });
     eventDisconnect(false);
     // The session is always gone here, so no DISCONNECT goes out and the
     // socket stays as it is; this order is deliberate.
     if (session) {
         DisconnectFrame frame;
-        const apr_status_t rc = connection->write(&frame, nullptr);
+        long long timeout = kWriteTimeoutUs;
+        const apr_status_t rc = connection->write(&frame, &timeout);
         if (rc != 0) {
             char text[80];
             apr_strerror(rc, text, sizeof text);
@@ -280,6 +370,7 @@ void StompClientImpl::closeConnection() {
         }
         connection->disconnect();
     }
+    --closing;
 }
 
 void StompClientImpl::setMaxWorkers(int count) { maxWorkers = count < 1 ? 1 : count; }

@@ -21,7 +21,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -93,12 +95,19 @@ private:
     class ListenLoop;
 
     void installSession(Session* fresh);
+    void installConnector(Connector* fresh);
+    void connectAgain();
+    void attemptStarted();
+    long long msSinceLastAttempt() const;
+    int retryDelayMs();
+    void lockBreakingStalls();
+    void registerUntil(const std::string& destination, tavren::Listener* listener, const struct timespec& deadline);
     void joinListenThread();
     void listenThreadEnded();
     void waitForListenThreads();
     void abandonPendingResults();
     bool writeAndAwait(ClientFrame& frame, const std::string& destination, tavren::Listener* registering,
-                       FrameResult& result, kelvra::threads::CondVar& cond);
+                       FrameResult& result, kelvra::threads::CondVar& cond, const struct timespec& deadline);
     bool listenStopRequested(unsigned generation) const;
     void retryEntered();
     void retryLeft();
@@ -147,6 +156,15 @@ private:
     WorkerStacks workerStacks; // the stacks message workers run on; outlives every worker but abandoned ones
     std::atomic<int> maxWorkers;
     std::atomic<size_t> workerStackSize;
+    // Reconnecting: when the last attempt to connect began, so that a
+    // connection lost again soon after waits for the timer instead of
+    // trying at once; and the source of the retries' jitter.
+    bool attempted;
+    std::chrono::steady_clock::time_point lastAttempt;
+    std::minstd_rand jitter;
+    // closeConnection is waiting for the engine or running: a connection
+    // lost meanwhile is not made again.
+    std::atomic<int> closing;
 };
 
 } // namespace internal

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
@@ -107,7 +108,8 @@ private:
     // A message whose worker could not be started yet; nothing more is read
     // until it has one.
     Listener::WorkerData* waiting;
-    std::string lastMatchedId; // the receipt id this thread matched most recently
+    std::string lastMatchedId;                         // the receipt id this thread matched most recently
+    std::chrono::steady_clock::time_point settleUntil; // the end of the budget for the last ACKs and NACKs
 };
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
@@ -346,7 +348,8 @@ void StompClientImpl::ListenLoop::reapFinished() {
         if (firstWritten == finished.size()) firstWritten = k;
     }
     apr_status_t rc = 0;
-    if (!frames.empty()) rc = engine->connection->writeFrames(frames.data(), frames.size(), nullptr);
+    long long timeout = kWriteTimeoutUs;
+    if (!frames.empty()) rc = engine->connection->writeFrames(frames.data(), frames.size(), &timeout);
     if (rc != 0) engine->logError(failureLine(workers[finished[firstWritten]]));
     unlockEngine();
     // The settled ones leave the list; when the write failed, those it
@@ -411,6 +414,7 @@ void StompClientImpl::ListenLoop::resolve() {
     // The engine lock is held here, by this thread or for it by the thread
     // that stops it; so ACK and NACK go out under the lock already held.
     engine->logInfo("Resolving remaining message handlers...");
+    settleUntil = std::chrono::steady_clock::now() + std::chrono::microseconds(kSettleWriteBudgetUs);
     if (waiting) {
         engine->logError("Could not start a worker for message " + headerOrEmpty(*waiting->frame, "message-id") +
                          " before the connection ended; it is left unacknowledged.");
@@ -468,7 +472,12 @@ apr_status_t StompClientImpl::ListenLoop::acknowledge(const Worker& worker) {
     // Called with the engine lock held (or held for this thread).
     std::unique_ptr<AckFrame> frame(answerFor(worker));
     if (!frame) return 0;
-    const apr_status_t rc = engine->connection->write(frame.get(), nullptr);
+    // Only the time left of the budget for settling: a broker that stopped
+    // reading must not hold whoever stops this thread.
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(settleUntil - std::chrono::steady_clock::now()).count();
+    long long timeout = left > 0 ? static_cast<long long>(left) : 0;
+    const apr_status_t rc = engine->connection->write(frame.get(), &timeout);
     if (rc != 0) engine->logError(failureLine(worker));
     return rc;
 }

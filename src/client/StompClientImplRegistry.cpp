@@ -4,10 +4,12 @@
 
 #include "client/StompClientImpl.h"
 
+#include "client/Defaults.h"
 #include "frames/SubscribeFrame.h"
 #include "frames/UnsubscribeFrame.h"
 #include "transport/AprException.h"
 
+#include <ctime>
 #include <sstream>
 
 namespace tavren {
@@ -22,20 +24,41 @@ std::string refusal(const char* failed, const std::string& destination, const Fr
     return line.str();
 }
 
+// The moment a receipt asked for now must have come by.
+struct timespec receiptDeadline() {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    t.tv_sec += kReceiptTimeoutMs / 1000;
+    t.tv_nsec += (kReceiptTimeoutMs % 1000) * 1000000L;
+    if (t.tv_nsec >= 1000000000L) {
+        t.tv_sec += 1;
+        t.tv_nsec -= 1000000000L;
+    }
+    return t;
+}
+
 } // namespace
 
 bool StompClientImpl::writeAndAwait(ClientFrame& frame, const std::string& destination, tavren::Listener* registering,
-                                    FrameResult& result, kelvra::threads::CondVar& cond) {
+                                    FrameResult& result, kelvra::threads::CondVar& cond,
+                                    const struct timespec& deadline) {
     // Called under the lock. A failed write is logged and handled as a lost
     // connection; false tells the caller there is nothing to wait for.
     try {
-        const apr_status_t rc = connection->write(&frame, 0);
+        long long timeout = kWriteTimeoutUs;
+        const apr_status_t rc = connection->write(&frame, &timeout);
         if (rc != 0) throw AprException(rc);
     } catch (AprException& e) {
         std::ostringstream line;
         line << (registering ? "While trying to subscribe to " : "While trying to unsubscribe from ") << destination
              << ". Error " << e.apr_reason() << ": " << e.what();
         logError(line.str());
+        // A listener is kept through the outage, before the reconnect below
+        // subscribes everything it knows; unless it is there already (a
+        // renewal), that is said once.
+        if (registering && listeners.insert(std::make_pair(destination, registering)).second) {
+            logInfo("The listener on " + destination + " is kept and subscribed as soon as a connection stands.");
+        }
         eventDisconnectError();
         return false;
     }
@@ -46,7 +69,22 @@ bool StompClientImpl::writeAndAwait(ClientFrame& frame, const std::string& desti
     // Waits only while a listen thread runs that can deliver the answer; a
     // lost connection wakes the waiter (abandonPendingResults). The loop also
     // covers spurious wake-ups, so an answer is never read before it is set.
-    while (!result.hasResult() && !result.isAbandoned() && listening) mutex->wait(cond);
+    const auto answered = [&] { return result.hasResult() || result.isAbandoned() || !listening; };
+    bool timedOut = false;
+    while (!answered()) {
+        if (!mutex->waitUntil(cond, deadline) && !answered()) {
+            timedOut = true;
+            break;
+        }
+    }
+    if (timedOut) {
+        // A broker that does not answer is taken as lost: the reconnect
+        // abandons this wait (keeping the listener) and subscribes again.
+        logError(std::string("The broker did not answer the ") +
+                 (registering ? "subscription to " : "unsubscription from ") + destination + " within " +
+                 std::to_string(kReceiptTimeoutMs / 1000) + " s: the connection is taken as lost.");
+        eventDisconnectError();
+    }
     // The slot lives on the caller's stack: its entry goes before the slot does.
     pendingResults.erase(receiptId);
     pendingChanges.erase(receiptId);
@@ -76,13 +114,18 @@ void StompClientImpl::abandonPendingResults() {
 }
 
 void StompClientImpl::registerListener(std::string destination, tavren::Listener* listener) {
+    registerUntil(destination, listener, receiptDeadline());
+}
+
+void StompClientImpl::registerUntil(const std::string& destination, tavren::Listener* listener,
+                                    const struct timespec& deadline) {
     EngineLock lock(*mutex);
     logInfo("Registering listener on " + destination);
     SubscribeFrame frame(destination, SubscribeFrame::CLIENT_INDIVIDUAL);
     frame.requestReceipt();
     kelvra::threads::CondVar cond;
     FrameResult result(&cond);
-    if (!writeAndAwait(frame, destination, listener, result, cond)) return;
+    if (!writeAndAwait(frame, destination, listener, result, cond, deadline)) return;
 
     if (!result.hasResult()) {
         logError("The broker's answer to the subscription to " + destination +
@@ -118,7 +161,7 @@ void StompClientImpl::deregisterListener(std::string destination) {
     frame.requestReceipt();
     kelvra::threads::CondVar cond;
     FrameResult result(&cond);
-    if (!writeAndAwait(frame, destination, nullptr, result, cond)) {
+    if (!writeAndAwait(frame, destination, nullptr, result, cond, receiptDeadline())) {
         listeners.erase(destination);
         return;
     }
@@ -153,12 +196,15 @@ void StompClientImpl::resumeAllListeners() {
     std::vector<std::pair<std::string, tavren::Listener*>> known(listeners.begin(), listeners.end());
     known.insert(known.end(), pausedListeners.begin(), pausedListeners.end());
     const unsigned generation = listenGeneration;
+    const bool wasConnected = listening;
+    // All of them share one wait for their receipts.
+    const struct timespec deadline = receiptDeadline();
     for (const auto& entry : known) {
-        // A newer connection subscribes everything itself, and a dying engine
-        // subscribes nothing.
-        if (destroying || listenGeneration != generation) break;
+        // A newer connection subscribes everything itself, one lost on the
+        // way nothing more (its reconnect does), and a dying engine nothing.
+        if (destroying || listenGeneration != generation || (wasConnected && !listening)) break;
         logInfo("Re-registering listener for: " + entry.first);
-        registerListener(entry.first, entry.second);
+        registerUntil(entry.first, entry.second, deadline);
     }
     // A paused listener that is active again is no longer paused; otherwise
     // every later reconnect would subscribe it twice.

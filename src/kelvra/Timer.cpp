@@ -135,9 +135,11 @@ void Timer::stop() {
     state->changed.broadcast();
 }
 
-void Timer::restart() {
+void Timer::restart() { restartIn(periodMs); }
+
+void Timer::restartIn(int delayMs) {
     threads::ScopedLock lock(&state->mutex);
-    state->deadline = addMs(monotonicNow(), periodMs);
+    state->deadline = addMs(monotonicNow(), delayMs < 0 ? 0 : delayMs);
     state->running = true;
     ensureThread();
     state->changed.broadcast();

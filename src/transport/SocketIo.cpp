@@ -65,9 +65,10 @@ int SocketIo::descriptor(apr_socket_t* socket) {
     return fd;
 }
 
-apr_status_t SocketIo::sendAll(apr_socket_t* socket, struct iovec* iov, int count, const Deadline& deadline) {
+apr_status_t SocketIo::sendAll(apr_socket_t* socket, struct iovec* iov, int count, apr_interval_time_t timeout) {
     apr_os_sock_t fd;
     apr_os_sock_get(&fd, socket);
+    Deadline deadline = Deadline::fromTimeout(timeout);
     while (count > 0) {
         if (iov->iov_len == 0) { // nothing in this piece
             ++iov;
@@ -88,6 +89,8 @@ apr_status_t SocketIo::sendAll(apr_socket_t* socket, struct iovec* iov, int coun
             if (rc != APR_SUCCESS) return rc;
             continue;
         }
+        // Progress: the peer gets the whole time-out again for the rest.
+        if (sent > 0) deadline = Deadline::fromTimeout(timeout);
         // Skip what went out, possibly ending inside a piece.
         size_t done = static_cast<size_t>(sent);
         while (count > 0 && done >= iov->iov_len) {

@@ -45,9 +45,13 @@ public:
 
     /**
      * Sends every byte of the iovecs (they are advanced as bytes go out).
+     * timeout (a runtime time-out: negative for ever, 0 never) bounds each
+     * wait for room in the send buffer, and starts again whenever bytes went
+     * out: a peer that reads slowly is waited for, one that stopped reading
+     * ends the call with APR_TIMEUP once nothing could be sent for that long.
      * On failure some bytes may have been sent already.
      */
-    static apr_status_t sendAll(apr_socket_t* socket, struct iovec* iov, int count, const Deadline& deadline);
+    static apr_status_t sendAll(apr_socket_t* socket, struct iovec* iov, int count, apr_interval_time_t timeout);
 
     /** Receives at least one and at most length bytes into buffer; *received says how many. */
     static apr_status_t receive(apr_socket_t* socket, char* buffer, size_t length, size_t* received,

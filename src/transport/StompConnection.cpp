@@ -5,6 +5,10 @@
 
 #include <apr_strings.h>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <cstring>
 #include <vector>
 
@@ -48,7 +52,8 @@ StompConnection::StompConnection()
       objectPool(nullptr),
       readAhead(new char[kReadAheadSize]),
       readStart(0),
-      readEnd(0) {
+      readEnd(0),
+      interruptibleFd(-1) {
     apr_pool_create_ex(&objectPool, nullptr, nullptr, nullptr);
     apr_thread_mutex_create(&mutex, APR_THREAD_MUTEX_DEFAULT, objectPool);
 }
@@ -79,7 +84,7 @@ apr_status_t StompConnection::writeBuffer(char const* data, unsigned int length)
     apr_interval_time_t timeout;
     currentTimeout(&timeout);
     struct iovec one = piece(data, length);
-    return SocketIo::sendAll(socket, &one, 1, SocketIo::Deadline::fromTimeout(timeout));
+    return SocketIo::sendAll(socket, &one, 1, timeout);
 }
 
 apr_status_t StompConnection::createPool() {
@@ -89,6 +94,8 @@ apr_status_t StompConnection::createPool() {
 
 void StompConnection::cleanPool() {
     if (connectionPool) {
+        // The pool closes the socket, if one is left: interrupt() must not see it any more.
+        setInterruptible(-1);
         apr_pool_destroy(connectionPool);
         connectionPool = nullptr;
     }
@@ -105,9 +112,27 @@ void StompConnection::emptyReadAhead() {
     parser.reset();
 }
 
+void StompConnection::setInterruptible(int fd) {
+    std::lock_guard<std::mutex> guard(interruptMutex);
+    interruptibleFd = fd;
+}
+
+bool StompConnection::interrupt() {
+    std::lock_guard<std::mutex> guard(interruptMutex);
+    if (interruptibleFd < 0) return false;
+    ::shutdown(interruptibleFd, SHUT_RDWR);
+    return true;
+}
+
 apr_status_t StompConnection::internalDisconnect() {
     apr_socket_shutdown(socket, APR_SHUTDOWN_WRITE);
-    apr_status_t rc = apr_socket_close(socket);
+    apr_status_t rc;
+    {
+        // Closed under the interrupt lock: the number may be reused at once.
+        std::lock_guard<std::mutex> guard(interruptMutex);
+        interruptibleFd = -1;
+        rc = apr_socket_close(socket);
+    }
     cleanPool();
     connected = false;
     emptyReadAhead();
@@ -135,12 +160,17 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         // (localhost: ::1 and 127.0.0.1), the next one is tried only if the
         // one before could not be connected, and the first failure is what
         // a caller sees when none can.
+        // All the addresses share one connect time-out.
+        const apr_time_t end = apr_time_now() + policy.connectTimeoutUs;
         apr_status_t first = APR_SUCCESS;
         for (apr_sockaddr_t* address = remoteAddress; address; address = address->next) {
-            if (socket) apr_socket_close(socket);
+            if (socket) {
+                setInterruptible(-1);
+                apr_socket_close(socket);
+            }
             socket = nullptr;
             rc = apr_socket_create(&socket, address->family, SOCK_STREAM, APR_PROTO_TCP, connectionPool);
-            if (rc == APR_SUCCESS) rc = apr_socket_connect(socket, address);
+            if (rc == APR_SUCCESS) rc = connectWithin(address, end);
             if (rc == APR_SUCCESS) break;
             if (first == APR_SUCCESS) first = rc;
         }
@@ -152,6 +182,7 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         // delayed acknowledgement of the one before (brokers answer no ACK).
         // A socket that refuses the option still works, only slower.
         apr_socket_opt_set(socket, APR_TCP_NODELAY, 1);
+        applyKeepAlive();
         rc = apr_socket_addr_get(&remoteAddress, APR_REMOTE, socket);
     }
     if (rc == APR_SUCCESS) {
@@ -181,6 +212,34 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
     }
     connected = true;
     return APR_SUCCESS;
+}
+
+apr_status_t StompConnection::connectWithin(apr_sockaddr_t* address, apr_time_t end) {
+    // The socket waits for the connect no longer than the time left, then
+    // goes back to the time-out it had, which later calls start from.
+    setInterruptible(SocketIo::descriptor(socket));
+    const apr_time_t left = end - apr_time_now();
+    if (left <= 0) return APR_TIMEUP;
+    apr_interval_time_t before = -1;
+    apr_socket_timeout_get(socket, &before);
+    apr_status_t rc = apr_socket_timeout_set(socket, left);
+    if (rc == APR_SUCCESS) rc = apr_socket_connect(socket, address);
+    const apr_status_t restored = apr_socket_timeout_set(socket, before);
+    return rc != APR_SUCCESS ? rc : restored;
+}
+
+void StompConnection::applyKeepAlive() {
+    // A connection whose peer vanished (a host that crashed, a network path
+    // or NAT entry that is gone) is noticed by the system within the
+    // policy's time instead of never. Options the system refuses are left
+    // at its defaults: the connection works without them.
+    const int fd = SocketIo::descriptor(socket);
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &policy.keepAliveIdleS, sizeof policy.keepAliveIdleS);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &policy.keepAliveIntervalS, sizeof policy.keepAliveIntervalS);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &policy.keepAliveProbes, sizeof policy.keepAliveProbes);
+    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &policy.userTimeoutMs, sizeof policy.userTimeoutMs);
 }
 
 apr_status_t StompConnection::disconnect() {
@@ -246,7 +305,7 @@ apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t fra
 
     apr_interval_time_t socketTimeout;
     currentTimeout(&socketTimeout);
-    rc = SocketIo::sendAll(socket, pieces, static_cast<int>(count), SocketIo::Deadline::fromTimeout(socketTimeout));
+    rc = SocketIo::sendAll(socket, pieces, static_cast<int>(count), socketTimeout);
     if (rc != APR_SUCCESS) {
         restoreTimeout(timeout);
         return rc;

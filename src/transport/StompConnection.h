@@ -6,12 +6,14 @@
 #include "frames/ServerFrame.h"
 #include "transport/AprManager.h"
 #include "transport/FrameParser.h"
+#include "transport/SocketPolicy.h"
 
 #include <apr_network_io.h>
 #include <apr_pools.h>
 #include <apr_thread_mutex.h>
 
 #include <atomic>
+#include <mutex>
 
 namespace tavren {
 namespace internal {
@@ -44,13 +46,28 @@ public:
 
     /**
      * Resolves host, connects to port, and records the local and remote
-     * addresses. A connected object is disconnected first. timeout, when
-     * given, becomes the socket's time-out for later calls (the connect
-     * itself waits as long as the system allows); nonBlock, when given, sets
-     * the descriptor's non-blocking flag (which the library's own reads and
-     * writes do not depend on: they wait per call).
+     * addresses. A connected object is disconnected first. The connect
+     * itself is given the policy's connect time-out over all the addresses
+     * the host resolves to (APR_TIMEUP when it passes), and the connected
+     * socket gets the policy's keep-alive and user time-out. timeout, when
+     * given, becomes the socket's time-out for later calls; nonBlock, when
+     * given, sets the descriptor's non-blocking flag (which the library's
+     * own reads and writes do not depend on: they wait per call).
      */
     apr_status_t connect(char const* host, int port, long long* timeout, int* nonBlock);
+
+    /** The limits later connects apply. */
+    void setPolicy(const SocketPolicy& p) { policy = p; }
+    const SocketPolicy& socketPolicy() const { return policy; }
+
+    /**
+     * Shuts the current socket down in both directions without waiting for
+     * the connection's mutex, so that a read or write stalled on it (in
+     * another thread, holding the mutex) fails at once. The socket stays
+     * open until the next disconnect or connect. Safe from any thread;
+     * false when there was no socket to shut down.
+     */
+    bool interrupt();
 
     /** Shuts the socket down for writing and closes it. 20011 when not connected. */
     apr_status_t disconnect();
@@ -59,7 +76,8 @@ public:
      * Writes one frame: command, LF, each header as name ":" value LF in map
      * order, LF, the body up to its first NUL, then NUL LF. Nothing is
      * escaped and no header is added. The frame goes out whole unless the
-     * time-out passes or the socket fails; what was sent before a failure
+     * socket fails or no byte of it can be sent for the time-out (which
+     * starts again whenever bytes went out); what was sent before a failure
      * stays sent.
      */
     apr_status_t write(ClientFrame* frame, long long* timeout);
@@ -118,6 +136,9 @@ protected:
     apr_status_t internalDisconnect();
     apr_status_t currentTimeout(apr_interval_time_t* timeout);
     void emptyReadAhead();
+    apr_status_t connectWithin(apr_sockaddr_t* address, apr_time_t end);
+    void applyKeepAlive();
+    void setInterruptible(int fd);
 
 private:
     // Holds the connection mutex for a scope. A failed lock is answered
@@ -156,6 +177,13 @@ private:
     size_t readStart;
     size_t readEnd;
     FrameParser parser;
+
+    SocketPolicy policy;
+    // The descriptor interrupt() may shut down, -1 when none. Its own small
+    // lock, taken around the close too, so that interrupt() never touches a
+    // descriptor number the system has handed out again.
+    std::mutex interruptMutex;
+    int interruptibleFd;
 };
 
 } // namespace internal

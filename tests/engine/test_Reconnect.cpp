@@ -31,6 +31,7 @@ TEST_F(Reconnect, DroppedConnectionIsMadeAgainAndEveryListenerSubscribedAgain) {
     listen("b", &b);
     log.clear();
 
+    letReconnectPeriodPass();
     broker.dropConnection();
     // The listen thread reconnects at once and, still inside its own pass,
     // subscribes both queues again: each waits for a receipt that the new
@@ -62,6 +63,7 @@ TEST_F(Reconnect, BrokerDownThenUpAgainIsRetriedOnTheTimer) {
     connect("1.2", 100);
     RecordingListener listener;
     listen("q", &listener);
+    letReconnectPeriodPass();
     broker.refuseConnections();
     broker.dropConnection();
     ASSERT_TRUE(log.waitFor("ERROR: Failed to connect on first try, The connection was refused."));
@@ -106,7 +108,7 @@ TEST_F(Reconnect, SendFailingWhileListenersAreRegisteredReconnectsOnTheCallersTh
     broker.resetConnection();
     ASSERT_TRUE(broker.waitForClientClosed());
     log.clear();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    letReconnectPeriodPass();
     // A write to a reset socket may still be accepted once; the next one fails.
     client->sendToQueue("q", "lost", nullptr);
     if (!log.contains("ERROR: Disconnected!")) client->sendToQueue("q", "lost again", nullptr);

@@ -14,10 +14,12 @@
 
 #include <dirent.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tavren {
@@ -53,8 +55,17 @@ protected:
     /** Makes a client if there is none, opens the connection and expects it to stand. */
     void connect(const char* version = "1.2", int periodMs = 100) {
         if (!client) makeClient();
+        reconnectPeriodMs = periodMs;
         client->openConnection(periodMs, kelvra::utility::Version(version));
         ASSERT_TRUE(client->isConnected());
+    }
+
+    /**
+     * Lets a reconnect period pass: a connection lost within a period of
+     * the last attempt to connect is made again on the timer, not at once.
+     */
+    void letReconnectPeriodPass() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(reconnectPeriodMs + reconnectPeriodMs / 10 + 10));
     }
 
     /** Registers listener on queue and waits until the broker holds the subscription. */
@@ -70,6 +81,7 @@ protected:
     FakeBroker broker;
     CapturingLogger log;
     std::unique_ptr<tavren::StompClient> client;
+    int reconnectPeriodMs = 100;
 };
 
 } // namespace test

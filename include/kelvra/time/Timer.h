@@ -55,6 +55,14 @@ public:
     void restart();
 
     /**
+     * As restart(), but the next tick comes delayMs from now (0 or less: at
+     * once); the ticks after it come a period apart. May be called from
+     * inside onTimeout().
+     * @throws std::runtime_error as start()
+     */
+    void restartIn(int delayMs);
+
+    /**
      * Stops and, unless called from the timer's own thread, waits until a
      * callback that is running has returned.
      */
