@@ -89,6 +89,7 @@ FakeBroker::FakeBroker()
       wakeFds{-1, -1},
       listenPort(0),
       messageCounter(0),
+      readingStopped(false),
       stopping(false),
       accepted(0),
       clientOpen(false),
@@ -97,6 +98,7 @@ FakeBroker::FakeBroker()
       generateSession(true),
       connectErrorMessage("Bad credentials"),
       connectErrorBody("Access refused for user"),
+      resetAfterConnected(false),
       subscribeReply(ReceiptReply::Receipt),
       unsubscribeReply(ReceiptReply::Receipt),
       receiptErrorMessage("Subscription refused"),
@@ -175,6 +177,18 @@ void FakeBroker::dropConnection() {
         closeClient(false);
         return true;
     });
+}
+
+void FakeBroker::stopReading() {
+    runOnServer([this] {
+        readingStopped = true;
+        return true;
+    });
+}
+
+void FakeBroker::setResetAfterConnected(bool reset) {
+    std::lock_guard<std::mutex> lock(mutex);
+    resetAfterConnected = reset;
 }
 
 void FakeBroker::resetConnection() {
@@ -293,7 +307,8 @@ void FakeBroker::serve() {
             if (stopping) return;
         }
         // poll() skips negative descriptors, so a closed listener or absent client needs no special case.
-        struct pollfd fds[3] = {{wakeFds[0], POLLIN, 0}, {clientFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
+        struct pollfd fds[3] = {
+            {wakeFds[0], POLLIN, 0}, {readingStopped ? -1 : clientFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
         if (::poll(fds, 3, kPollMs) > 0) {
             if (fds[0].revents) drainWakeUps();
             if (fds[1].revents) readClient();
@@ -333,6 +348,7 @@ void FakeBroker::acceptClient() {
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     closeClient(false);
     clientFd = fd;
+    readingStopped = false;
     std::lock_guard<std::mutex> lock(mutex);
     ++accepted;
     clientOpen = true;
@@ -399,6 +415,7 @@ void FakeBroker::parseFrames() {
         RecordedFrame frame;
         if (!parseFrame(&pos, &frame)) break;
         handleFrame(std::move(frame));
+        if (clientFd < 0) return; // the frame's answer closed the connection, and its input with it
     }
     input.erase(0, pos);
 }
@@ -473,6 +490,7 @@ void FakeBroker::forgetSubscription(const std::string& id) {
 }
 
 void FakeBroker::answerConnect() {
+    bool reset;
     ConnectReply reply;
     HeaderMap headers;
     std::string message;
@@ -484,9 +502,13 @@ void FakeBroker::answerConnect() {
         if (generateSession) headers["session"] = "session-" + std::to_string(accepted);
         message = connectErrorMessage;
         body = connectErrorBody;
+        reset = resetAfterConnected;
     }
     switch (reply) {
-    case ConnectReply::Connected: writeFrame("CONNECTED", headers, ""); break;
+    case ConnectReply::Connected:
+        writeFrame("CONNECTED", headers, "");
+        if (reset) closeClient(true);
+        break;
     case ConnectReply::Error: writeFrame("ERROR", {{"message", message}}, body); break;
     case ConnectReply::Silence: break;
     case ConnectReply::Other: writeFrame("RECEIPT", {{"receipt-id", "unexpected"}}, ""); break;

@@ -74,6 +74,13 @@ public:
     void dropConnection();
     /** Closes the client connection with a reset (SO_LINGER 0). */
     void resetConnection();
+    /**
+     * Stops reading from the current client: what it sends piles up in the
+     * socket buffers until its writes stall. A later connection is read again.
+     */
+    void stopReading();
+    /** With true, every later connection is reset right after its CONNECTED is written. */
+    void setResetAfterConnected(bool reset);
     /** Closes the listening socket: connects are refused. */
     void refuseConnections();
     /** Listens again on the same port; false if the port could not be bound within 2 s. */
@@ -140,6 +147,7 @@ private:
     int listenPort;
     std::string input; // client bytes not yet parsed into frames
     int messageCounter;
+    bool readingStopped; // the current client is not read
 
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
@@ -155,6 +163,7 @@ private:
     bool generateSession;
     std::string connectErrorMessage;
     std::string connectErrorBody;
+    bool resetAfterConnected;
     ReceiptReply subscribeReply;
     ReceiptReply unsubscribeReply;
     std::string receiptErrorMessage;
