@@ -50,8 +50,8 @@ protected:
 #ifndef TAVREN_SANITIZED
         // The test's own records (log lines, frames) grow a little; the
         // library must not leave more than that behind.
-        EXPECT_LT(now.rssKiB - before.rssKiB, 8 * 1024) << "before: " << before.describe() << "; after: "
-                                                        << now.describe();
+        EXPECT_LT(now.rssKiB - before.rssKiB, 8 * 1024)
+            << "before: " << before.describe() << "; after: " << now.describe();
 #endif
     }
 
@@ -290,7 +290,8 @@ TEST_F(Faults, GarbageCostsTheConnectionOnly) {
     // A header line without a colon: malformed.
     ASSERT_TRUE(broker.sendRaw(std::string("MESSAGE\nno colon here\n\n\0\n", 25)));
     ASSERT_TRUE(log.waitFor("ERROR: Disconnected!"));
-    EXPECT_TRUE(log.contains("ERROR: while trying to listen for messages. Error 20014: Internal error (specific information not available)"));
+    EXPECT_TRUE(log.contains("ERROR: while trying to listen for messages. Error 20014: Internal error (specific "
+                             "information not available)"));
     ASSERT_TRUE(broker.waitForConnections(2));
     ASSERT_TRUE(broker.waitForSubscription("/queue/q"));
 

@@ -307,8 +307,9 @@ void FakeBroker::serve() {
             if (stopping) return;
         }
         // poll() skips negative descriptors, so a closed listener or absent client needs no special case.
-        struct pollfd fds[3] = {
-            {wakeFds[0], POLLIN, 0}, {readingStopped ? -1 : clientFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
+        struct pollfd fds[3] = {{wakeFds[0], POLLIN, 0},
+                                {readingStopped ? -1 : clientFd, POLLIN, 0},
+                                {listenFd, POLLIN, 0}};
         if (::poll(fds, 3, kPollMs) > 0) {
             if (fds[0].revents) drainWakeUps();
             if (fds[1].revents) readClient();

@@ -15,7 +15,8 @@ namespace test {
 struct Footprint {
     long fds, threads, rssKiB, heapKiB;
 
-    /** The entries of a /proc/self folder; the folder's own descriptor, open while /proc/self/fd is read, is not counted. */
+    /** The entries of a /proc/self folder; the folder's own descriptor, open while /proc/self/fd is read, is not
+     * counted. */
     static long entriesOf(const char* path, bool ownDescriptor) {
         long n = 0;
         DIR* dir = opendir(path);
