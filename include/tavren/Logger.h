@@ -36,7 +36,11 @@ namespace tavren {
  * - info: "Retrying connect..." (the reconnect timer tries again)
  * - error: "Reconnect failed with: REASON" (that attempt failed too)
  * - error: "Disconnected!" (the connection failed: reading, writing, an ACK)
+ * - info: "Connecting again in N ms: the connection was lost M ms after the last attempt to connect began." (a
+ *   connection lost within a reconnect period of its attempt is made again by the timer, not at once)
  * - info: "Disconnected." (closeConnection)
+ * - error: "The connection has kept the client busy for 1000 ms: it is shut down so that the client can close."
+ *   (closeConnection or the destructor met a stalled write)
  * - error: "Could not start the listen thread: REASON" (the connection is given up and retried on the timer)
  * - error: "Failed to subscribe the listeners again: REASON" (re-subscribing after a reconnect failed)
  * - info: "Registering listener on /queue/NAME" (listenOnQueue, and each re-subscription)
@@ -45,6 +49,10 @@ namespace tavren {
  * - error: "The broker's answer to the subscription to /queue/NAME never came: ..." (the connection went while
  *   waiting)
  * - error: "While trying to subscribe to /queue/NAME. Error N: TEXT" (the SUBSCRIBE could not be written)
+ * - info: "The listener on /queue/NAME is kept and subscribed as soon as a connection stands." (listenOnQueue while
+ *   no connection stands)
+ * - error: "The broker did not answer the subscription to /queue/NAME within 10 s: the connection is taken as lost."
+ *   (likewise "the unsubscription from"; the reconnect subscribes the listener again)
  * - info: "Deregistering listener on /queue/NAME" (stopListeningOnQueue, pauseAllListeners)
  * - info: "Unsubscribed from destination /queue/NAME successfully." (the broker's RECEIPT came)
  * - error: "Failed to unsubscribe from destination /queue/NAME. Broker replied: ..." (the broker answered with ERROR)

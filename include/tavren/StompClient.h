@@ -26,7 +26,18 @@ class StompClientImpl;
  * reconnects by itself (at once, then every reconnect period) and subscribes
  * every registered listener again; the application does not have to do
  * anything. What happens is reported through the Logger, never as an
- * exception from a connection that once stood.
+ * exception from a connection that once stood. A connection lost less than
+ * a reconnect period after the attempt that made it is not made again at
+ * once but by the timer, so a broker that accepts and drops connections is
+ * not stormed; the timer waits the period plus up to a tenth of it at
+ * random.
+ *
+ * Every wait is bounded (docs/reliability.md lists the figures): the TCP
+ * connect 5 s, the broker's answer to CONNECT 3 s, a write that cannot send
+ * a byte for 10 s fails (the connection is then taken as lost), and a
+ * receipt that has not come after 10 s ends its wait (likewise). Every
+ * connection has TCP keep-alive, so a broker that vanished without closing
+ * is noticed within about 40 s.
  *
  * Queue names are given bare: "orders" means the destination "/queue/orders".
  *
@@ -88,8 +99,10 @@ public:
      * thread, which logs "Resolving remaining message handlers..." and
      * acknowledges the messages whose listeners return within about 20 ms;
      * listener calls still running after that are left to finish on their
-     * own, their messages unacknowledged. The socket is closed. Must not be
-     * called from Listener::onMessage or from the Logger.
+     * own, their messages unacknowledged. The socket is closed. Like
+     * closeConnection, it does not wait behind a stalled write for more
+     * than a second. Must not be called from Listener::onMessage or from the
+     * Logger.
      */
     virtual ~StompClient();
     StompClient(const StompClient&) = delete;
@@ -104,11 +117,12 @@ public:
      * one of "server", "version", "heart-beat" or "session" makes this throw
      * std::out_of_range (attempts still go on in the background).
      *
-     * The first attempt runs on the calling thread: the TCP connect takes as
-     * long as the system gives it, then the broker has 3 seconds to answer
-     * the CONNECT. Once connected, the client starts the listen thread and
-     * subscribes every listener registered so far (on this thread too).
-     * Later attempts run on the reconnect timer's thread.
+     * The first attempt runs on the calling thread: the TCP connect may take
+     * 5 seconds, then the broker has 3 seconds to answer the CONNECT. Once
+     * connected, the client starts the listen thread and subscribes every
+     * listener registered so far (on this thread too, their receipts within
+     * 10 seconds in all). Later attempts run on the reconnect timer's
+     * thread.
      *
      * Logs "Attempting to connect...", then "Connected." or (error) "Failed
      * to connect on first try, " and the reason; each later attempt logs
@@ -131,16 +145,20 @@ public:
      * A refusal by the broker is logged and leaves the listener unregistered.
      *
      * The subscription acknowledges each message on its own ("ack:
-     * client-individual"). The wait has no time-out of its own: it ends with
-     * the receipt, an ERROR, or the loss of the connection; while
-     * setMaxWorkers' bound is reached it also waits for a listener call to
-     * return. When the connection goes meanwhile, the listener stays
-     * registered and is subscribed with the others on the next connection.
-     * Called while no connection stands (before openConnection, say), the
+     * client-individual"). The wait ends with the receipt, an ERROR, the loss
+     * of the connection, or after 10 seconds without an answer; while
+     * setMaxWorkers' bound is reached the receipt also waits for a listener
+     * call to return. A broker that has not answered after 10 seconds is
+     * taken as lost (error "The broker did not answer the subscription to
+     * /queue/NAME within 10 s: the connection is taken as lost."), and the
+     * reconnect subscribes the listener again. When the connection goes
+     * meanwhile, the listener stays registered and is subscribed with the
+     * others on the next connection. Called while no connection stands, the
      * SUBSCRIBE cannot be written: that is logged ("While trying to
-     * subscribe to /queue/NAME. Error N: ..."), handled as a lost connection
-     * (see sendToQueue), and the listener is not registered; call this again
-     * once isConnected() is true.
+     * subscribe to /queue/NAME. Error N: ..."), the listener is kept ("The
+     * listener on /queue/NAME is kept and subscribed as soon as a connection
+     * stands.") and the loss is handled as sendToQueue's; the next
+     * connection subscribes it.
      *
      * Logs "Registering listener on /queue/NAME", then "Subscribed to
      * destination /queue/NAME successfully." or (error) "Failed to subscribe
@@ -192,10 +210,12 @@ public:
      *
      * Returns once the frame is written to the socket; the broker sends no
      * receipt for it. The message is not kept: when no connection stands or
-     * the write fails, it is lost, "Disconnected!" is logged (error) and a
+     * the write fails (also when not a byte of it could be sent for 10
+     * seconds), it is lost, "Disconnected!" is logged (error) and a
      * connection attempt is made at once on this thread ("Attempting to
-     * connect..."), then on the timer. May be called from
-     * Listener::onMessage.
+     * connect..."), then on the timer; within a reconnect period of the last
+     * attempt, only the timer tries ("Connecting again in N ms: ..."). May
+     * be called from Listener::onMessage.
      *
      * @param queue the bare queue name
      * @param text the body; a null text sends an empty body
@@ -240,8 +260,12 @@ public:
      * are acknowledged, later ones are left unacknowledged. Waits for
      * receipts are ended. The listeners stay registered and are subscribed
      * again by the next openConnection. The socket itself stays open until
-     * the next connection attempt or the client's destruction. Must not be
-     * called from Listener::onMessage.
+     * the next connection attempt or the client's destruction. A call that
+     * holds the client for more than a second (a write to a broker that
+     * stopped reading) is not waited for: the connection is shut down under
+     * it (error "The connection has kept the client busy for 1000 ms: it is
+     * shut down so that the client can close."), and no reconnect follows
+     * from that. Must not be called from Listener::onMessage.
      */
     void closeConnection();
 
