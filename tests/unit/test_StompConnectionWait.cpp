@@ -16,10 +16,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 
 using tavren::internal::ServerFrame;
 using tavren::internal::StompConnection;
@@ -64,6 +66,58 @@ TEST_F(ConnectionWait, TcpNoDelayIsSetOnTheConnection) {
     socklen_t length = sizeof value;
     ASSERT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &length), 0);
     EXPECT_NE(value, 0);
+}
+
+int intOption(int fd, int level, int name) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    if (getsockopt(fd, level, name, &value, &length) != 0) return -2;
+    return value;
+}
+
+TEST_F(ConnectionWait, KeepAliveAndUserTimeOutAreSetOnTheConnection) {
+    const int fd = socketTo(peer.port());
+    ASSERT_GE(fd, 0);
+    EXPECT_NE(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 0);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 20);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 4);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), 40000);
+}
+
+TEST(ConnectionPolicy, TheGivenPolicyIsWhatTheSocketGets) {
+    tavren::test::LoopbackPeer peer;
+    StompConnection connection;
+    tavren::internal::SocketPolicy policy;
+    policy.keepAliveIdleS = 7;
+    policy.keepAliveIntervalS = 3;
+    policy.keepAliveProbes = 2;
+    policy.userTimeoutMs = 9000;
+    connection.setPolicy(policy);
+    ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
+    const int fd = socketTo(peer.port());
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 7);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 3);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 2);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), 9000);
+}
+
+TEST_F(ConnectionWait, InterruptEndsAReadThatWaitsAndItsSocket) {
+    ServerFrame* out = nullptr;
+    apr_status_t rc = 0;
+    std::thread reader([&] {
+        long long timeout = 30 * 1000 * 1000;
+        rc = connection.read(&out, true, &timeout);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(connection.interrupt());
+    reader.join();
+    EXPECT_EQ(rc, APR_EOF) << "a read on a socket shut down ends at once";
+    EXPECT_EQ(out, nullptr);
+    EXPECT_TRUE(connection.isConnected()) << "the socket stays until the next disconnect";
+    EXPECT_EQ(0, connection.disconnect());
+    EXPECT_FALSE(connection.interrupt()) << "nothing left to shut down";
 }
 
 TEST_F(ConnectionWait, NothingToReadAndNoWakeUpTimesOut) {

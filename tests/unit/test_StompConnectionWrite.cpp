@@ -11,6 +11,7 @@
 
 #include <apr_errno.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -115,6 +116,29 @@ TEST_F(ConnectionWrite, WriteWithTimeoutEndsWhenThePeerDoesNotRead) {
     frame.body(body.c_str());
     long long timeout = 200000; // 0.2 s
     EXPECT_EQ(APR_TIMEUP, connection.write(&frame, &timeout));
+}
+
+TEST_F(ConnectionWrite, WriteTimeOutCountsTimeWithoutProgressOnly) {
+    // The peer reads the frame slowly, a chunk every 100 ms: far longer in
+    // all than the time-out, which only bounds each wait for room.
+    TestFrame frame("SEND");
+    const std::string body(4 * 1024 * 1024, 'q');
+    frame.body(body.c_str());
+    apr_status_t rc = -1;
+    std::thread writer([&] {
+        long long timeout = 400000; // 0.4 s
+        rc = connection.write(&frame, &timeout);
+    });
+    size_t got = 0;
+    const size_t total = body.size() + 8; // "SEND", LF, LF, the body, NUL, LF
+    const auto start = std::chrono::steady_clock::now();
+    while (got < total && std::chrono::steady_clock::now() - start < std::chrono::seconds(60)) {
+        got += peer.receive(std::min<size_t>(256 * 1024, total - got)).size();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    writer.join();
+    EXPECT_EQ(0, rc);
+    EXPECT_EQ(total, got);
 }
 
 TEST_F(ConnectionWrite, HeartbeatIsOneLineFeed) {
