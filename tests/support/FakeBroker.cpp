@@ -83,7 +83,9 @@ struct FakeBroker::Task {
     bool result = false;
 };
 
-FakeBroker::FakeBroker()
+FakeBroker::FakeBroker() : FakeBroker("127.0.0.1") {}
+
+FakeBroker::FakeBroker(const std::string& address)
     : listenFd(-1),
       clientFd(-1),
       wakeFds{-1, -1},
@@ -102,7 +104,8 @@ FakeBroker::FakeBroker()
       subscribeReply(ReceiptReply::Receipt),
       unsubscribeReply(ReceiptReply::Receipt),
       receiptErrorMessage("Subscription refused"),
-      receiptErrorBody("Destination is not allowed") {
+      receiptErrorBody("Destination is not allowed"),
+      bindAddress(address) {
     if (::pipe2(wakeFds, O_NONBLOCK | O_CLOEXEC) != 0) wakeFds[0] = wakeFds[1] = -1;
     openListener(0);
     listenPort = boundPort(listenFd);
@@ -399,9 +402,9 @@ bool FakeBroker::openListener(int port) {
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     struct sockaddr_in addr = {};
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
+    if (::inet_pton(AF_INET, bindAddress.c_str(), &addr.sin_addr) != 1 ||
+        ::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
         ::close(fd);
         return false;
     }

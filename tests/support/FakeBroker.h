@@ -37,7 +37,15 @@ public:
     enum class ConnectReply { Connected, Error, Silence, Other };
     enum class ReceiptReply { Receipt, Error, ErrorWithoutReceiptId, Silence };
 
-    FakeBroker();  // listens and starts the serving thread
+    FakeBroker(); // listens and starts the serving thread
+    /**
+     * Listens on address (dotted IPv4) instead of 127.0.0.1. The sockets
+     * belong to the network namespace of the calling thread, and the serving
+     * thread starts in it: a broker made on a thread that entered another
+     * namespace serves there (tests/support/TestNetwork). port() is 0 if the
+     * address could not be bound.
+     */
+    explicit FakeBroker(const std::string& address);
     ~FakeBroker(); // stops the thread and closes every socket
     FakeBroker(const FakeBroker&) = delete;
     FakeBroker& operator=(const FakeBroker&) = delete;
@@ -168,6 +176,9 @@ private:
     ReceiptReply unsubscribeReply;
     std::string receiptErrorMessage;
     std::string receiptErrorBody;
+
+    // Set before the serving thread starts; never changes.
+    std::string bindAddress;
 
     std::thread server;
 };
