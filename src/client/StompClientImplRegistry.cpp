@@ -9,7 +9,6 @@
 #include "frames/UnsubscribeFrame.h"
 #include "transport/AprException.h"
 
-#include <ctime>
 #include <sstream>
 
 namespace tavren {
@@ -26,15 +25,7 @@ std::string refusal(const char* failed, const std::string& destination, const Fr
 
 // The moment a receipt asked for now must have come by.
 struct timespec receiptDeadline() {
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    t.tv_sec += kReceiptTimeoutMs / 1000;
-    t.tv_nsec += (kReceiptTimeoutMs % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
-    return t;
+    return kelvra::threads::CondVar::deadlineIn(kReceiptTimeoutMs);
 }
 
 } // namespace

@@ -19,7 +19,7 @@ CondVar::~CondVar() { pthread_cond_destroy(&cond); }
 
 void CondVar::wait(pthread_mutex_t* mutex) { pthread_cond_wait(&cond, mutex); }
 
-bool CondVar::waitFor(pthread_mutex_t* mutex, long timeoutMs) {
+struct timespec CondVar::deadlineIn(long timeoutMs) {
     struct timespec deadline;
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     if (timeoutMs < 0) timeoutMs = 0;
@@ -29,8 +29,10 @@ bool CondVar::waitFor(pthread_mutex_t* mutex, long timeoutMs) {
         deadline.tv_sec += 1;
         deadline.tv_nsec -= 1000000000L;
     }
-    return waitUntil(mutex, deadline);
+    return deadline;
 }
+
+bool CondVar::waitFor(pthread_mutex_t* mutex, long timeoutMs) { return waitUntil(mutex, deadlineIn(timeoutMs)); }
 
 bool CondVar::waitUntil(pthread_mutex_t* mutex, const struct timespec& deadline) {
     return pthread_cond_timedwait(&cond, mutex, &deadline) != ETIMEDOUT;

@@ -63,10 +63,7 @@ TEST_F(Reconnect, BrokerDownThenUpAgainIsRetriedOnTheTimer) {
     connect("1.2", 100);
     RecordingListener listener;
     listen("q", &listener);
-    letReconnectPeriodPass();
-    broker.refuseConnections();
-    broker.dropConnection();
-    ASSERT_TRUE(log.waitFor("ERROR: Failed to connect on first try, The connection was refused."));
+    loseTheBroker();
     ASSERT_TRUE(log.waitFor("ERROR: Reconnect failed with: The connection was refused.", 2));
     EXPECT_FALSE(client->isConnected());
     ASSERT_TRUE(broker.acceptConnections());

@@ -68,6 +68,19 @@ protected:
         std::this_thread::sleep_for(std::chrono::milliseconds(reconnectPeriodMs + reconnectPeriodMs / 10 + 10));
     }
 
+    /**
+     * Takes the broker away from a connected client, a reconnect period
+     * after it connected: connections are refused, the current one is
+     * dropped, and the client's attempt made at once fails.
+     */
+    void loseTheBroker() {
+        letReconnectPeriodPass();
+        broker.refuseConnections();
+        broker.dropConnection();
+        ASSERT_TRUE(log.waitFor("ERROR: Failed to connect on first try, The connection was refused."));
+        ASSERT_FALSE(client->isConnected());
+    }
+
     /** Registers listener on queue and waits until the broker holds the subscription. */
     void listen(const std::string& queue, tavren::Listener* listener) {
         client->listenOnQueue(queue, listener);

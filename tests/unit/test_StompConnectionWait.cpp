@@ -75,15 +75,18 @@ int intOption(int fd, int level, int name) {
     return value;
 }
 
-TEST_F(ConnectionWait, KeepAliveAndUserTimeOutAreSetOnTheConnection) {
-    const int fd = socketTo(peer.port());
+// The keep-alive and user time-out of the socket to 127.0.0.1:port.
+void expectKeepAlive(int port, int idleS, int intervalS, int probes, int userTimeoutMs) {
+    const int fd = socketTo(port);
     ASSERT_GE(fd, 0);
     EXPECT_NE(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 0);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 20);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 4);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), 40000);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), idleS);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), intervalS);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), probes);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), userTimeoutMs);
 }
+
+TEST_F(ConnectionWait, KeepAliveAndUserTimeOutAreSetOnTheConnection) { expectKeepAlive(peer.port(), 20, 5, 4, 40000); }
 
 TEST(ConnectionPolicy, TheGivenPolicyIsWhatTheSocketGets) {
     tavren::test::LoopbackPeer peer;
@@ -95,12 +98,7 @@ TEST(ConnectionPolicy, TheGivenPolicyIsWhatTheSocketGets) {
     policy.userTimeoutMs = 9000;
     connection.setPolicy(policy);
     ASSERT_EQ(0, connection.connect("127.0.0.1", peer.port(), nullptr, nullptr));
-    const int fd = socketTo(peer.port());
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 7);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 3);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 2);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), 9000);
+    expectKeepAlive(peer.port(), 7, 3, 2, 9000);
 }
 
 TEST_F(ConnectionWait, InterruptEndsAReadThatWaitsAndItsSocket) {

@@ -50,6 +50,12 @@ public:
      */
     bool waitUntil(pthread_mutex_t* mutex, const struct timespec& deadline);
 
+    /**
+     * The time on CLOCK_MONOTONIC timeoutMs milliseconds from now, for waitUntil.
+     * @param timeoutMs milliseconds from now; a negative value counts as 0
+     */
+    static struct timespec deadlineIn(long timeoutMs);
+
     /** Wakes one waiter. */
     void signal();
 
