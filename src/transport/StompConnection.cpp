@@ -79,10 +79,19 @@ apr_status_t StompConnection::currentTimeout(apr_interval_time_t* timeout) {
     return apr_socket_timeout_get(socket, timeout);
 }
 
-apr_status_t StompConnection::writeBuffer(char const* data, unsigned int length) {
-    if (length == 0) return APR_SUCCESS;
+apr_interval_time_t StompConnection::writeTimeout(long long* t) {
+    // A write waits per call with poll(), whatever the socket's time-out:
+    // the time-out given is used as it is instead of being set on the socket
+    // and put back, which would cost system calls on every write and leave
+    // the socket as it was all the same.
+    if (t) return *t;
     apr_interval_time_t timeout;
     currentTimeout(&timeout);
+    return timeout;
+}
+
+apr_status_t StompConnection::writeBuffer(char const* data, unsigned int length, apr_interval_time_t timeout) {
+    if (length == 0) return APR_SUCCESS;
     struct iovec one = piece(data, length);
     return SocketIo::sendAll(socket, &one, 1, timeout);
 }
@@ -255,8 +264,6 @@ apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t fra
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
     if (!connected) return APR_ENOSOCKET;
-    apr_status_t rc = setTimeout(timeout);
-    if (rc != APR_SUCCESS) return rc;
 
     // The frames go out in one vectored send, straight from their strings.
     // The pieces of usual frames fit on the stack; frames with many headers
@@ -303,24 +310,15 @@ apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t fra
         count = 1;
     }
 
-    apr_interval_time_t socketTimeout;
-    currentTimeout(&socketTimeout);
-    rc = SocketIo::sendAll(socket, pieces, static_cast<int>(count), socketTimeout);
-    if (rc != APR_SUCCESS) {
-        restoreTimeout(timeout);
-        return rc;
-    }
-    return restoreTimeout(timeout);
+    return SocketIo::sendAll(socket, pieces, static_cast<int>(count), writeTimeout(timeout));
 }
 
 apr_status_t StompConnection::sendHeartbeat(long long* timeout) {
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
     if (!connected) return APR_ENOSOCKET;
-    apr_status_t rc = setTimeout(timeout);
-    if (rc != APR_SUCCESS) return rc;
-    writeBuffer(kLineFeed, 1); // a heart-beat that cannot be sent is not an error here
-    return restoreTimeout(timeout);
+    writeBuffer(kLineFeed, 1, writeTimeout(timeout)); // a heart-beat that cannot be sent is not an error here
+    return APR_SUCCESS;
 }
 
 } // namespace internal

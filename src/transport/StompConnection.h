@@ -130,7 +130,8 @@ protected:
     // All of these expect the caller to hold the mutex.
     apr_status_t setTimeout(long long* t);
     apr_status_t restoreTimeout(long long* t);
-    apr_status_t writeBuffer(char const* data, unsigned int length);
+    apr_interval_time_t writeTimeout(long long* t);
+    apr_status_t writeBuffer(char const* data, unsigned int length, apr_interval_time_t timeout);
     apr_status_t createPool();
     void cleanPool();
     apr_status_t internalDisconnect();
