@@ -231,9 +231,10 @@ public:
      * One unsubscription after the other, each waiting for its receipt as
      * stopListeningOnQueue does. Logs "Pausing all listeners..." and, per
      * queue, "De-registering listener for: /queue/NAME" and
-     * stopListeningOnQueue's lines. A paused listener is not subscribed
-     * again by a reconnect, only by resumeAllListeners. Must not be called
-     * from Listener::onMessage.
+     * stopListeningOnQueue's lines. A reconnect subscribes the paused
+     * listeners again with the others (it resumes every known listener), so
+     * a pause lasts only as long as the connection. Must not be called from
+     * Listener::onMessage.
      *
      * @throws std::out_of_range as listenOnQueue
      */
@@ -244,8 +245,12 @@ public:
      * One subscription after the other, each waiting for its receipt as
      * listenOnQueue does. Logs "Resuming all listeners..." and, per queue,
      * "Re-registering listener for: /queue/NAME" and listenOnQueue's lines.
-     * The client calls it itself after every connection. Must not be called
-     * from Listener::onMessage.
+     * The client calls it itself after every connection. Called while the
+     * listeners are subscribed, it subscribes each queue a second time on
+     * the same connection; the broker then shares the queue's messages
+     * between the two subscriptions until the connection ends, and
+     * stopListeningOnQueue ends only the newer one. Resume only after a
+     * pause. Must not be called from Listener::onMessage.
      *
      * @throws std::out_of_range as listenOnQueue
      */

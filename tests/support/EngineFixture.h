@@ -78,6 +78,8 @@ protected:
         broker.refuseConnections();
         broker.dropConnection();
         ASSERT_TRUE(log.waitFor("ERROR: Failed to connect on first try, The connection was refused."));
+        // The listen thread that noticed the loss made that attempt; it ends after it.
+        ASSERT_TRUE(log.waitFor("INFO: Resolving remaining message handlers..."));
         ASSERT_FALSE(client->isConnected());
     }
 
