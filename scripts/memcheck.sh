@@ -30,12 +30,9 @@ ignored_verdicts=(
   # allocator and shadow memory: the figures mean nothing there.
   'ConnectionMemory.*'
   'EngineMemory.*'
+  # Besides the process's memory, it times the close, and valgrind runs
+  # everything many times slower.
   'Faults.CloseDoesNotQueueBehindAStalledWrite'
-  'Faults.DestroyingTheClientDoesNotQueueBehindAStalledWrite'
-  # Expects the log's lines in an order that holds only while the listen
-  # thread says "Resolving remaining message handlers..." before the test
-  # clears the log; valgrind's slowness breaks that about every other run.
-  'Outage.ListenerRegisteredDuringAnOutageIsSubscribedOnceAConnectionStands'
 )
 
 # True when every case that failed in the test output $1 is one whose verdict is ignored.
