@@ -115,8 +115,10 @@ public:
      * or wakeFd (when >= 0) is readable, or timeoutMs passed. With
      * watchSocket false only wakeFd and the time-out end the wait. Sets
      * *readable when a read may find something, *woken when wakeFd was
-     * readable. Meant for the one thread that reads: the socket must not be
-     * closed while it waits. 20011 when not connected.
+     * readable; when received bytes answer at once, wakeFd is not looked at
+     * and *woken stays false (it is still readable for the next wait). Meant
+     * for the one thread that reads: the socket must not be closed while it
+     * waits. 20011 when not connected.
      */
     apr_status_t waitForInput(int wakeFd, bool watchSocket, int timeoutMs, bool* readable, bool* woken);
 

@@ -164,6 +164,32 @@ TEST_F(ConnectionWait, ASecondFrameAlreadyReceivedIsNotWaitedFor) {
     EXPECT_STREQ(second->body(), "b");
 }
 
+TEST_F(ConnectionWait, ReceivedBytesAnswerAtOnceWithoutLookingAtTheWakeUp) {
+    ASSERT_TRUE(peer.send(std::string("MESSAGE\n\na\0MESSAGE\n\nb\0", 22)));
+    bool readable = false, woken = false;
+    ASSERT_EQ(connection.waitForInput(wake, true, 5000, &readable, &woken), APR_SUCCESS);
+    ServerFrame* first = nullptr;
+    ASSERT_EQ(connection.read(&first, false, nullptr), APR_SUCCESS);
+    delete first;
+    // The second frame is in the connection's buffer: the wait returns at
+    // once, and the wake-up is left for the next one.
+    signal();
+    readable = false;
+    woken = true;
+    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &readable, &woken), APR_SUCCESS);
+    EXPECT_TRUE(readable);
+    EXPECT_FALSE(woken);
+    ServerFrame* second = nullptr;
+    ASSERT_EQ(connection.read(&second, false, nullptr), APR_SUCCESS);
+    std::unique_ptr<ServerFrame> secondOwned(second);
+    EXPECT_STREQ(second->body(), "b");
+    readable = true;
+    woken = false;
+    EXPECT_EQ(connection.waitForInput(wake, true, 5000, &readable, &woken), APR_SUCCESS);
+    EXPECT_FALSE(readable);
+    EXPECT_TRUE(woken);
+}
+
 TEST_F(ConnectionWait, WithoutWatchingTheSocketOnlyAWakeUpEndsTheWait) {
     ASSERT_TRUE(peer.send(std::string("MESSAGE\n\nx\0", 11)));
     bool readable = true, woken = true;
