@@ -123,12 +123,13 @@ protected:
     TestNetwork network;
     std::unique_ptr<FakeBroker> broker;
     CapturingLogger log;
+    // A member, so that it outlives the client, which TearDown ends.
+    RecordingListener listener;
     std::unique_ptr<StompClient> client;
 };
 
 TEST_F(DeadPeer, IdleConnectionToAVanishedPeerIsNoticedAndMadeAgain) {
     connect();
-    RecordingListener listener;
     client->listenOnQueue("q", &listener);
     ASSERT_TRUE(broker->waitForSubscription("/queue/q"));
 

@@ -76,6 +76,9 @@ protected:
     }
 
     Footprint before{};
+    // A member, so that it outlives the client, which TearDown ends: a retry
+    // on the timer's thread may still be subscribing it as a test returns.
+    RecordingListener listener;
 };
 
 // Sends large messages until a write stalls on a broker that stopped reading.
@@ -94,7 +97,6 @@ long long sendUntilDisconnected(StompClient& client, CapturingLogger& log, const
 
 TEST_F(Faults, BrokerThatStopsReadingCostsTheConnectionNotTheClient) {
     connect();
-    RecordingListener listener;
     listen("q", &listener);
     letReconnectPeriodPass();
     broker.stopReading();
@@ -115,7 +117,6 @@ TEST_F(Faults, BrokerThatStopsReadingCostsTheConnectionNotTheClient) {
 
 TEST_F(Faults, CloseDoesNotQueueBehindAStalledWrite) {
     connect();
-    RecordingListener listener;
     listen("q", &listener);
     broker.stopReading();
 
@@ -160,7 +161,6 @@ TEST_F(Faults, SubscriptionWithoutAnAnswerEndsItsWaitAndIsMadeAgain) {
     connect();
     letReconnectPeriodPass();
     broker.setSubscribeReply(FakeBroker::ReceiptReply::Silence);
-    RecordingListener listener;
     const long long took =
         timedCallAnsweringLater(broker, log, kNoAnswerLine, [&] { client->listenOnQueue("q", &listener); });
     EXPECT_GE(took, 9000);
@@ -176,7 +176,6 @@ TEST_F(Faults, ErrorWithoutReceiptIdEndsTheWaitAfterTheTimeOut) {
     connect();
     letReconnectPeriodPass();
     broker.setSubscribeReply(FakeBroker::ReceiptReply::ErrorWithoutReceiptId);
-    RecordingListener listener;
     const long long took =
         timedCallAnsweringLater(broker, log, kNoAnswerLine, [&] { client->listenOnQueue("q", &listener); });
     EXPECT_LT(took, kCallBoundMs);
@@ -191,7 +190,6 @@ TEST_F(Faults, BrokerSilentAfterConnectedHoldsNoCall) {
     letReconnectPeriodPass();
     broker.setSubscribeReply(FakeBroker::ReceiptReply::Silence);
     broker.stopReading();
-    RecordingListener listener;
     const auto start = Clock::now();
     client->sendToQueue("q", "into the void", nullptr);
     client->listenOnQueue("q", &listener);
@@ -216,7 +214,6 @@ TEST_F(Faults, ResetRightAfterConnectedAgainAndAgainKeepsTheStackFlat) {
     // CI runs 10,000 with 128 KiB stacks under ASan).
     const int failures = stormFailures();
     connect("1.2", 1);
-    RecordingListener listener;
     listen("q", &listener);
     broker.setResetAfterConnected(true);
     broker.dropConnection();
@@ -230,7 +227,6 @@ TEST_F(Faults, ResetRightAfterConnectedAgainAndAgainKeepsTheStackFlat) {
 TEST_F(Faults, ConnectionsFailingAtOnceAreMadeAgainOncePerPeriod) {
     const int periodMs = 200;
     connect("1.2", periodMs);
-    RecordingListener listener;
     listen("q", &listener);
     letReconnectPeriodPass();
     broker.setResetAfterConnected(true);
@@ -251,7 +247,6 @@ TEST_F(Faults, ConnectionsFailingAtOnceAreMadeAgainOncePerPeriod) {
 
 TEST_F(Faults, FrameCutByAResetIsNotDelivered) {
     connect();
-    RecordingListener listener;
     listen("q", &listener);
     letReconnectPeriodPass();
     ASSERT_TRUE(broker.sendRaw("MESSAGE\ndestination:/queue/q\nmessage-id:cut\nack:cut\ncontent-length:100\n\nhalf"));
@@ -267,7 +262,6 @@ TEST_F(Faults, FrameCutByAResetIsNotDelivered) {
 
 TEST_F(Faults, GarbageCostsTheConnectionOnly) {
     connect();
-    RecordingListener listener;
     listen("q", &listener);
     letReconnectPeriodPass();
     // A header line without a colon: malformed.
@@ -292,7 +286,6 @@ TEST_F(Faults, GarbageCostsTheConnectionOnly) {
 
 TEST_F(Faults, FrameTricklingInByteByByteArrivesWhole) {
     connect();
-    RecordingListener listener;
     listen("q", &listener);
     const std::string body = "slowly but surely";
     const std::string frame = "MESSAGE\ndestination:/queue/q\nmessage-id:slow-1\nack:slow-1\nsubscription:" +

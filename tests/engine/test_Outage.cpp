@@ -19,12 +19,15 @@ protected:
         }
         return out;
     }
+
+    // A member, so that it outlives the client, which TearDown ends: a retry
+    // on the timer's thread may still be subscribing it as a test returns.
+    RecordingListener listener;
 };
 
 TEST_F(Outage, ListenerRegisteredDuringAnOutageIsSubscribedOnceAConnectionStands) {
     connect();
     loseTheBroker();
-    RecordingListener listener;
     log.clear();
     client->listenOnQueue("q", &listener);
     const std::vector<std::string> lines = log.lines();
@@ -47,7 +50,6 @@ TEST_F(Outage, ListenerRegisteredDuringAnOutageIsSubscribedOnceAConnectionStands
 TEST_F(Outage, ListenerKeptOnceAcrossSeveralOutages) {
     connect();
     loseTheBroker();
-    RecordingListener listener;
     client->listenOnQueue("q", &listener);
     client->listenOnQueue("q", &listener);
     EXPECT_EQ(log.count("INFO: The listener on /queue/q is kept and subscribed as soon as a connection stands."), 1u);
@@ -59,7 +61,6 @@ TEST_F(Outage, ListenerKeptOnceAcrossSeveralOutages) {
 
 TEST_F(Outage, StoppingDuringAnOutageForgetsTheListener) {
     connect();
-    RecordingListener listener;
     listen("q", &listener);
     loseTheBroker();
     client->stopListeningOnQueue("q");
