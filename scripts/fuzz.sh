@@ -20,19 +20,10 @@ parallel=${TAVREN_FUZZ_PARALLEL:-2}
 targets=(fuzz_frame_parser fuzz_connection_read fuzz_session)
 start=$SECONDS
 
-# What the build needs (clang's libFuzzer and sanitizer runtimes are in
-# libclang-rt-14-dev, which apt only recommends); apt only when one is missing.
-packages=(cmake make pkg-config clang libclang-rt-14-dev libapr1-dev uuid-dev)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+# What the build needs, and clang with libFuzzer and the sanitizer runtimes
+# (in libclang-rt-14-dev, which apt only recommends); apt only when one is
+# missing.
+"$root/scripts/install-deps.sh" clang libclang-rt-14-dev
 
 # -O2 with debug lines for readable stacks, and without NDEBUG.
 echo "== Building the fuzz targets in $dir"

@@ -25,6 +25,7 @@
 //   TAVREN_BROKER_SOAK_RABBITMQ_VERSION, TAVREN_BROKER_SOAK_ACTIVEMQ_VERSION
 //                                     the protocol version offered (1.2 and 1.1)
 
+#include "support/Footprint.h"
 #include "support/Memory.h"
 #include "support/RealBroker.h"
 #include "support/Watchdog.h"
@@ -34,8 +35,6 @@
 #include <tavren/StompClient.h>
 
 #include <gtest/gtest.h>
-
-#include <dirent.h>
 
 #include <algorithm>
 #include <atomic>
@@ -72,33 +71,6 @@ int envInt(const char* name, int fallback) {
 std::string envText(const char* name, const char* fallback) {
     const char* text = std::getenv(name);
     return text && *text ? text : fallback;
-}
-
-// Entries of a /proc/self folder; the folder's own descriptor, open while
-// /proc/self/fd is read, is not counted.
-long entriesOf(const char* path, bool ownDescriptor) {
-    long n = 0;
-    DIR* dir = opendir(path);
-    if (!dir) return -1;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') ++n;
-    }
-    closedir(dir);
-    return ownDescriptor ? n - 1 : n;
-}
-
-struct Footprint {
-    long fds, threads, rssKiB, heapKiB;
-};
-
-Footprint footprint() {
-    return Footprint{entriesOf("/proc/self/fd", true), entriesOf("/proc/self/task", false), residentKiB(),
-                     heapInUseKiB()};
-}
-
-std::string describe(const Footprint& f) {
-    return "fds " + std::to_string(f.fds) + ", threads " + std::to_string(f.threads) + ", RSS " +
-           std::to_string(f.rssKiB) + " KiB, heap " + std::to_string(f.heapKiB) + " KiB";
 }
 
 /**
@@ -444,7 +416,7 @@ TEST_P(BrokerRestartSoak, EveryAcceptedMessageArrivesAndNothingGrows) {
     auto progress = [&](const char* what) {
         const Tally::Summary s = tally.summary();
         std::printf("[%7.1f s] %s: sent %zu, accepted %zu, delivered %zu (%zu duplicates); %s\n", elapsed(), what,
-                    s.sent, s.accepted, s.delivered, s.duplicates, describe(footprint()).c_str());
+                    s.sent, s.accepted, s.delivered, s.duplicates, Footprint::now().describe().c_str());
         std::fflush(stdout);
     };
 
@@ -452,7 +424,7 @@ TEST_P(BrokerRestartSoak, EveryAcceptedMessageArrivesAndNothingGrows) {
     // stacks and the allocator's arenas are in use before the first measurement.
     std::this_thread::sleep_for(std::chrono::seconds(5));
     ASSERT_TRUE(settle(30000)) << "the warm-up's messages did not all arrive";
-    const Footprint before = footprint();
+    const Footprint before = Footprint::now();
     progress("after the warm-up");
     pauseSending = false;
 
@@ -501,9 +473,9 @@ TEST_P(BrokerRestartSoak, EveryAcceptedMessageArrivesAndNothingGrows) {
     // there, waiting, as it was then).
     const bool settled = settle(120000);
     progress("sending stopped");
-    Footprint after = footprint();
+    Footprint after = Footprint::now();
     within(10000, [&] {
-        after = footprint();
+        after = Footprint::now();
         return after.fds <= before.fds && after.threads <= before.threads;
     });
     progress("at the end");
