@@ -5,18 +5,22 @@
 #   scripts/rabbitmq.sh start | stop | status
 #
 # The broker runs as user rabbitmq in the background, bound to 127.0.0.1 only:
-# STOMP on $TAVREN_RABBITMQ_PORT (61623), AMQP on 5682, the Erlang
-# distribution on 25682 and its own epmd on 4379, so that it neither meets a
-# RabbitMQ the machine may run already nor listens beyond loopback. Its files
-# live in $TAVREN_BROKER_DIR/rabbitmq. "start" returns once a STOMP CONNECT is
-# answered with CONNECTED; starting a running broker and stopping a stopped
-# one do nothing. "stop" ends exactly the processes "start" started, by the
+# STOMP on $TAVREN_RABBITMQ_PORT (61623), STOMP over TLS on
+# $TAVREN_RABBITMQ_TLS_PORT (61624), AMQP on 5682, the Erlang distribution on
+# 25682 and its own epmd on 4379, so that it neither meets a RabbitMQ the
+# machine may run already nor listens beyond loopback. Its files live in
+# $TAVREN_BROKER_DIR/rabbitmq. The TLS listener (TLS 1.2 and 1.3) presents
+# the test certificate of scripts/brokers/tls-certs.sh and asks every client
+# for a certificate signed by the test CA. "start" returns once a STOMP
+# CONNECT is answered with CONNECTED on both ports; starting a running broker
+# and stopping a stopped one do nothing. "stop" ends exactly the processes "start" started, by the
 # pids it wrote. Needs root and Debian's rabbitmq-server (scripts/install-brokers.sh).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/brokers/common.sh"
 
 stomp_port=${TAVREN_RABBITMQ_PORT:-61623}
+tls_port=${TAVREN_RABBITMQ_TLS_PORT:-61624}
 amqp_port=5682
 dist_port=25682
 epmd_port=4379
@@ -27,6 +31,7 @@ logfile=$dir/log/console.log
 as_rabbitmq=(setpriv --reuid=rabbitmq --regid=rabbitmq --init-groups --)
 
 prepare() {
+  bash "$here/brokers/tls-certs.sh"
   mkdir -p "$dir/log" "$dir/mnesia"
   echo "[rabbitmq_stomp]." > "$dir/enabled_plugins"
   cat > "$dir/rabbitmq.conf" <<CONF
@@ -34,6 +39,14 @@ listeners.tcp.1 = 127.0.0.1:$amqp_port
 stomp.listeners.tcp.1 = 127.0.0.1:$stomp_port
 stomp.default_user = guest
 stomp.default_pass = guest
+stomp.listeners.ssl.1 = 127.0.0.1:$tls_port
+ssl_options.cacertfile = $TAVREN_TLS_DIR/ca.pem
+ssl_options.certfile = $TAVREN_TLS_DIR/server.pem
+ssl_options.keyfile = $TAVREN_TLS_DIR/server.key
+ssl_options.verify = verify_peer
+ssl_options.fail_if_no_peer_cert = true
+ssl_options.versions.1 = tlsv1.3
+ssl_options.versions.2 = tlsv1.2
 CONF
   chown -R rabbitmq:rabbitmq "$dir"
 }
@@ -61,6 +74,7 @@ server_env() {
 start() {
   if pid=$(running_pid "$pidfile"); then
     wait_until_answers "$stomp_port" 60 "$pid" "$logfile"
+    check_running_tls "$tls_port"
     return
   fi
   command -v rabbitmq-server >/dev/null || { log "rabbitmq-server is not installed; run scripts/install-brokers.sh"; exit 1; }
@@ -75,8 +89,10 @@ start() {
   "${as_rabbitmq[@]}" /usr/lib/rabbitmq/bin/rabbitmq-server > "$logfile" 2>&1 &
   local pid=$!
   write_pidfile "$pidfile" "$pid"
-  log "started RabbitMQ (pid $pid), STOMP on 127.0.0.1:$stomp_port, files in $dir"
+  log "started RabbitMQ (pid $pid), STOMP on 127.0.0.1:$stomp_port, over TLS on 127.0.0.1:$tls_port, files in $dir"
   wait_until_answers "$stomp_port" 60 "$pid" "$logfile"
+  # The listeners open together; a few seconds cover the TLS one.
+  wait_until_tls_answers "$tls_port" 20 "$pid" "$logfile"
 }
 
 stop() {

@@ -7,6 +7,10 @@
 # of its own below this one, so starting one never touches the package's
 # own instance and a second start finds the first.
 TAVREN_BROKER_DIR=${TAVREN_BROKER_DIR:-/var/tmp/tavren-brokers}
+# The test CA, the brokers' and a client's certificates and ActiveMQ's
+# stores (scripts/brokers/tls-certs.sh makes them), and the stores' password.
+TAVREN_TLS_DIR=$TAVREN_BROKER_DIR/tls
+TAVREN_TLS_STORE_PASSWORD=tavren-test
 
 log() { echo "[$(basename "$0")] $*"; }
 
@@ -21,6 +25,24 @@ stomp_answers() {
     IFS= read -r -t 2 line <&3 && printf "%s" "$line"
     printf "DISCONNECT\n\n\0" >&3 2>/dev/null
     exec 3>&-' "$port" 2>/dev/null) || return 1
+  [ "${reply%$'\r'}" = "CONNECTED" ]
+}
+
+# True when a STOMP CONNECT over TLS on 127.0.0.1:$1 is answered with
+# CONNECTED within a few seconds. The client checks the broker's certificate
+# (chain to ca.pem, name localhost) and shows the test client certificate,
+# as the brokers ask for one.
+stomp_tls_answers() {
+  local port=$1 reply
+  # -quiet keeps s_client reading after its input ends, until the broker
+  # closes (it does after DISCONNECT) or the time-out; the second's pause lets
+  # CONNECTED arrive first.
+  reply=$({ printf 'CONNECT\naccept-version:1.0,1.1,1.2\nhost:/\nlogin:guest\npasscode:guest\n\n\0'
+            sleep 1
+            printf 'DISCONNECT\n\n\0'; } |
+          timeout 4 openssl s_client -quiet -connect "127.0.0.1:$port" -servername localhost \
+            -verify_return_error -verify_hostname localhost -CAfile "$TAVREN_TLS_DIR/ca.pem" \
+            -cert "$TAVREN_TLS_DIR/client.pem" -key "$TAVREN_TLS_DIR/client.key" 2>/dev/null | head -n 1) || true
   [ "${reply%$'\r'}" = "CONNECTED" ]
 }
 
@@ -55,23 +77,36 @@ running_pid() {
 
 # Waits up to $2 seconds for the broker on port $1 to answer; $3 is the pid
 # of the broker, whose end stops the wait at once. $4 is its log, shown when
-# it fails.
+# it fails. $5 is the check (stomp_answers unless given).
 wait_until_answers() {
-  local port=$1 seconds=$2 pid=$3 logfile=$4 start=$SECONDS
-  while ! stomp_answers "$port"; do
+  local port=$1 seconds=$2 pid=$3 logfile=$4 check=${5:-stomp_answers} start=$SECONDS
+  local what=STOMP
+  [ "$check" = stomp_tls_answers ] && what="STOMP over TLS"
+  while ! "$check" "$port"; do
     if ! alive "$pid"; then
       log "the broker (pid $pid) ended before it answered; the end of $logfile:"
       tail -n 30 "$logfile" >&2 || true
       return 1
     fi
     if [ $((SECONDS - start)) -ge "$seconds" ]; then
-      log "no CONNECTED on 127.0.0.1:$port after ${seconds}s; the end of $logfile:"
+      log "no CONNECTED ($what) on 127.0.0.1:$port after ${seconds}s; the end of $logfile:"
       tail -n 30 "$logfile" >&2 || true
       return 1
     fi
     sleep 0.5
   done
-  log "STOMP answers on 127.0.0.1:$port after $((SECONDS - start))s (pid $pid)"
+  log "$what answers on 127.0.0.1:$port after $((SECONDS - start))s (pid $pid)"
+}
+
+# As wait_until_answers, over TLS.
+wait_until_tls_answers() { wait_until_answers "$1" "$2" "$3" "$4" stomp_tls_answers; }
+
+# For "start" on a broker that runs already: says so when it has no TLS
+# listener on port $1 (started by an older version of its script), but
+# leaves it running, since others may be using it.
+check_running_tls() {
+  stomp_tls_answers "$1" && return 0
+  log "the running broker does not answer STOMP over TLS on 127.0.0.1:$1; the TLS tests need \"$0 stop\" and \"$0 start\""
 }
 
 # Stops the process whose pid is in file $1 (TERM, then KILL after $2
@@ -99,7 +134,8 @@ stop_pidfile() {
 }
 
 # The command line of a broker script: "start" and "stop" call the script's
-# own start and stop functions; "status" reads its $pidfile and $stomp_port.
+# own start and stop functions; "status" reads its $pidfile, $stomp_port and
+# $tls_port, and says whether each port answers (running: the plain one does).
 broker_command() {
   case ${1:-} in
     start) start ;;
@@ -107,7 +143,11 @@ broker_command() {
     status)
       local pid
       if pid=$(running_pid "$pidfile") && stomp_answers "$stomp_port"; then
-        echo "running (pid $pid), STOMP on 127.0.0.1:$stomp_port"
+        if stomp_tls_answers "$tls_port"; then
+          echo "running (pid $pid), STOMP on 127.0.0.1:$stomp_port, over TLS on 127.0.0.1:$tls_port"
+        else
+          echo "running (pid $pid), STOMP on 127.0.0.1:$stomp_port, but no STOMP over TLS on 127.0.0.1:$tls_port"
+        fi
       else
         echo "not running"; exit 3
       fi ;;
