@@ -9,8 +9,8 @@ namespace test {
 
 /**
  * A real broker on loopback, started and stopped by its script in scripts/
- * (scripts/rabbitmq.sh, scripts/activemq.sh). The port is the script's own
- * default unless the script's port variable overrides it for both.
+ * (scripts/rabbitmq.sh, scripts/activemq.sh). The ports are the script's own
+ * defaults unless the script's port variables override them for both.
  */
 class RealBroker {
 public:
@@ -19,6 +19,8 @@ public:
 
     const std::string& name() const { return brokerName; }
     int port() const { return stompPort; }
+    /** The port of STOMP over TLS, where the broker asks for a client certificate. */
+    int tlsPort() const { return stompTlsPort; }
     bool isActiveMQ() const { return brokerName == "ActiveMQ"; }
 
     /** True when a CONNECT as guest is answered with CONNECTED within 3 s. */
@@ -31,13 +33,30 @@ public:
     /** What to tell a reader whose broker does not answer. */
     std::string howToStart() const;
 
+    /** True when something accepts TCP connections on tlsPort() within 3 s (no handshake). */
+    bool listensForTls() const;
+    /** What to tell a reader whose broker has no TLS listener. */
+    std::string howToStartTls() const;
+
+    /**
+     * The folder of the test certificates the broker scripts make
+     * (scripts/brokers/tls-certs.sh): $TAVREN_BROKER_DIR/tls, by default
+     * /var/tmp/tavren-brokers/tls. Its files: ca.pem, server.pem, client.pem
+     * and client.key, other-ca.pem.
+     */
+    static std::string certificateDir();
+    /** certificateDir() + "/" + name. */
+    static std::string certificateFile(const std::string& name);
+
 private:
-    RealBroker(std::string name, std::string script, const char* portVariable, int defaultPort);
+    RealBroker(std::string name, std::string script, const char* portVariable, int defaultPort,
+               const char* tlsPortVariable, int defaultTlsPort);
     bool run(const char* action) const;
 
     std::string brokerName;
     std::string script;
     int stompPort;
+    int stompTlsPort;
 };
 
 } // namespace test
