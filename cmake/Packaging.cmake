@@ -59,7 +59,7 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE ${TAVREN_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${TAVREN_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
-# The library: its Depends (libapr1, libuuid1, libstdc++6, libc6, libgcc-s1,
+# The library: its Depends (libapr1, libuuid1, libssl3, libstdc++6, libc6, libgcc-s1,
 # with their minimum versions) come from dpkg-shlibdeps; its shlibs file
 # lets other packages depend on it the same way.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${_tavren_runtime_package})
@@ -67,10 +67,10 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "STOMP client library over TCP
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "STOMP client library over TCP and TLS
 libtavren lets an application on a small Linux device exchange text
 messages with a message broker (RabbitMQ, ActiveMQ) over STOMP 1.0, 1.1
-and 1.2 on plain TCP. It reconnects and subscribes again by itself.
+and 1.2 over TCP or TLS. It reconnects and subscribes again by itself.
 .
 This package contains the shared library.")
 
@@ -80,9 +80,9 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtavren-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "${_tavren_runtime_package} (= ${_tavren_deb_version}), libapr1-dev, uuid-dev, pkg-config | pkgconf")
-set(CPACK_DEBIAN_DEV_DESCRIPTION "STOMP client library over TCP (development files)
+set(CPACK_DEBIAN_DEV_DESCRIPTION "STOMP client library over TCP and TLS (development files)
 libtavren lets an application on a small Linux device exchange text
-messages with a message broker over STOMP on plain TCP.
+messages with a message broker over STOMP, over TCP or TLS.
 .
 This package contains the headers, the CMake package (find_package(tavren))
 and the pkg-config file (tavren.pc).")

@@ -7,6 +7,7 @@
 #include <tavren/HeaderMap.h>
 #include <tavren/Listener.h>
 #include <tavren/Logger.h>
+#include <tavren/TlsOptions.h>
 
 #include <cstddef>
 #include <string>
@@ -306,6 +307,69 @@ public:
      * @param bytes the stack size; rounded up to whole pages
      */
     void setWorkerStackSize(size_t bytes);
+
+    /**
+     * Every connection of this client runs over TLS (1.2 or later), on the
+     * same socket and within the same time-outs as plain TCP: the TLS
+     * handshake shares the 5 s of the TCP connect. A handshake that fails
+     * (an untrusted certificate, a wrong name, a broker that does not speak
+     * TLS) is a failed connection attempt: logged with "Failed to connect
+     * on first try, " or "Reconnect failed with: " and a reason that names
+     * the failure, then retried. Without this call connections are plain
+     * TCP. docs/security.md explains the set-up.
+     *
+     * @param options what to trust and what to present; copied
+     * @throws std::logic_error when called after openConnection
+     */
+    void useTls(const TlsOptions& options);
+
+    /**
+     * Honours the heart-beats agreed in CONNECT and CONNECTED. The client
+     * sends a heart-beat (a line feed) whenever it has written nothing for
+     * the larger of its own first figure and the broker's second one, and
+     * takes the connection as lost when nothing at all has come from the
+     * broker for twice the larger of its own second figure and the broker's
+     * first one: it logs (error) "No data from the broker for N ms, twice
+     * its heart-beat interval of M ms: the connection is taken as lost.",
+     * then "Disconnected!", and reconnects. A figure of 0 on either side
+     * switches that direction off. While every message worker is busy
+     * (setMaxWorkers) nothing is read, so the broker's silence is not
+     * judged then. Without this call the figures are still sent in CONNECT,
+     * but the client neither sends heart-beats nor watches the broker's.
+     *
+     * @throws std::logic_error when called after openConnection
+     */
+    void enableHeartbeats();
+
+    /**
+     * Adds a broker to fall back on. A failed connection attempt moves on to
+     * the next broker: the one given to the constructor first, then those
+     * added, in the order added, then around again. A connection that stands
+     * stays where it is, and a lost one is first made again with the same
+     * broker. Every listener is subscribed on whichever broker the client
+     * connects to. With failover brokers set, each attempt logs "Trying the
+     * broker HOST:PORT." first. Login, passcode, heart-beats and TLS are the
+     * same for all.
+     *
+     * @param host the broker's name or address
+     * @param port its STOMP port
+     * @throws std::logic_error when called after openConnection
+     */
+    void addFailoverBroker(std::string host, int port);
+
+    /**
+     * Bounds what the client accepts from the broker: a line (the command or
+     * a header) longer than maxLineBytes, or a body longer than maxBodyBytes
+     * (also one announced by "content-length"), makes the read fail as a
+     * malformed frame (status 20014) as soon as the limit is passed, before
+     * memory past it is taken. That is logged and the connection is made
+     * again, as for any malformed frame. 0 means no limit (the default).
+     *
+     * @param maxLineBytes the longest line accepted, without its line feed; 0 for no limit
+     * @param maxBodyBytes the longest body accepted; 0 for no limit
+     * @throws std::logic_error when called after openConnection
+     */
+    void setFrameLimits(std::size_t maxLineBytes, std::size_t maxBodyBytes);
 
 private:
     kelvra::UniquePtr<tavren::internal::StompClientImpl> impl;

@@ -11,6 +11,7 @@
 #include <tavren/Message.h>
 #include <tavren/StompClient.h>
 #include <tavren/SystemException.h>
+#include <tavren/TlsOptions.h>
 #include <tavren/Version.h>
 
 /**

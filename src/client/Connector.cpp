@@ -60,12 +60,31 @@ Connector::~Connector() {
 
 void Connector::attemptConnect() {
     InsideAttempt inside;
-    owner->attemptStarted();
+    // A successful attempt deletes this connector: only locals are used after it.
+    StompClientImpl* engine = owner;
+    engine->attemptStarted();
+    const BrokerAddress& broker = engine->currentBroker();
+    if (engine->brokers.size() > 1) {
+        engine->logInfo("Trying the broker " + broker.host + ":" + std::to_string(broker.port) + ".");
+    }
+    try {
+        attemptOn(broker);
+    } catch (...) {
+        // Failed: the next attempt goes to the next broker.
+        engine->moveToNextBroker();
+        throw;
+    }
+}
+
+void Connector::attemptOn(const BrokerAddress& broker) {
     StompConnection* connection = owner->connection.get();
     try {
-        apr_status_t rc = connection->connect(owner->host.c_str(), owner->port, nullptr, nullptr);
+        apr_status_t rc = connection->connect(broker.host.c_str(), broker.port, nullptr, nullptr);
         if (rc != 0) {
             if (connection) connection->disconnect();
+            // A secure channel that could not be set up says why.
+            const std::string why = connection->failureDetail();
+            if (!why.empty()) throw ConnectionException(ConnectionException::UnknownError, why);
             // A host that did not answer within the connect time-out timed out.
             throw AprException(APR_STATUS_IS_TIMEUP(rc) ? ETIMEDOUT : rc);
         }

@@ -12,6 +12,7 @@ namespace tavren {
 namespace internal {
 
 class StompClientImpl;
+struct BrokerAddress;
 
 /**
  * Makes the connection for the engine: one attempt opens the socket, writes
@@ -53,6 +54,8 @@ protected:
     virtual void onTimeout();
 
 private:
+    void attemptOn(const BrokerAddress& broker);
+
     StompClientImpl* owner; // not owned
     std::string clientName; // kept for the record; not read
     std::atomic<bool> cancelled;

@@ -58,4 +58,14 @@ void StompClient::setMaxWorkers(int count) { impl->setMaxWorkers(count); }
 
 void StompClient::setWorkerStackSize(size_t bytes) { impl->setWorkerStackSize(bytes); }
 
+void StompClient::useTls(const TlsOptions& options) { impl->useTls(options); }
+
+void StompClient::enableHeartbeats() { impl->enableHeartbeats(); }
+
+void StompClient::addFailoverBroker(std::string host, int port) { impl->addFailoverBroker(host, port); }
+
+void StompClient::setFrameLimits(std::size_t maxLineBytes, std::size_t maxBodyBytes) {
+    impl->setFrameLimits(maxLineBytes, maxBodyBytes);
+}
+
 } // namespace tavren

@@ -12,13 +12,14 @@
 #include <cstring>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 
 namespace tavren {
 namespace internal {
 
 StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
     : logger(nullptr),
-      port(0),
+      brokerIndex(0),
       useAuthentication(false),
       useHeartbeating(false),
       clientHeartbeat("0"),
@@ -39,7 +40,9 @@ StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
       workerStackSize(kDefaultWorkerStackSize),
       attempted(false),
       jitter(static_cast<std::minstd_rand::result_type>(std::random_device()() ^ std::hash<std::string>()(name))),
-      closing(0) {
+      closing(0),
+      opened(false),
+      heartbeatsEnabled(false) {
     pthread_mutex_init(&threadsMutex, nullptr);
     connection.reset(new StompConnection());
     session.clean();
@@ -110,8 +113,41 @@ StompClientImpl::~StompClientImpl() {
 }
 
 void StompClientImpl::setupSocketDetails(std::string h, int p) {
-    host = h;
-    port = p;
+    brokers.assign(1, BrokerAddress{h, p});
+    brokerIndex = 0;
+}
+
+void StompClientImpl::requireNotOpened(const char* call) const {
+    // These settings are read by connection attempts on other threads
+    // without the lock: once attempts may run, they stay as they are.
+    if (opened) throw std::logic_error(std::string(call) + " must be called before openConnection.");
+}
+
+void StompClientImpl::useTls(const tavren::TlsOptions& options) {
+    requireNotOpened("useTls");
+    connection->useTls(options);
+}
+
+void StompClientImpl::enableHeartbeats() {
+    requireNotOpened("enableHeartbeats");
+    heartbeatsEnabled = true;
+    connection->trackActivity();
+}
+
+void StompClientImpl::addFailoverBroker(std::string h, int p) {
+    requireNotOpened("addFailoverBroker");
+    brokers.push_back(BrokerAddress{h, p});
+}
+
+void StompClientImpl::setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes) {
+    requireNotOpened("setFrameLimits");
+    connection->setFrameLimits(maxLineBytes, maxBodyBytes);
+}
+
+void StompClientImpl::moveToNextBroker() {
+    // Under the lock, after a failed attempt. A connection that stands, or
+    // is lost, keeps its broker: only a failure to connect moves on.
+    if (brokers.size() > 1) brokerIndex = (brokerIndex + 1) % brokers.size();
 }
 
 void StompClientImpl::setupAuthentication(std::string l, std::string p) {
@@ -128,6 +164,7 @@ void StompClientImpl::setupHeartbeating(std::pair<std::string, std::string>* hea
 
 void StompClientImpl::setupRobustConnection(int period, kelvra::utility::Version v, std::string name,
                                             std::string vhost) {
+    opened = true;
     reconnectPeriod = period;
     version = v;
     virtualHost = vhost;
@@ -231,6 +268,10 @@ void StompClientImpl::eventConnect() {
     logInfo("Connected.");
     connector.clean();
 
+    agreed = Heartbeats();
+    if (heartbeatsEnabled && session) {
+        agreed = Heartbeats::agree(clientHeartbeat, serverHeartbeat, session->serverHB(), session->clientHB());
+    }
     listening = true;
     // Each connection gets a listen thread of its own; one that served an
     // earlier connection sees the count move on and ends.

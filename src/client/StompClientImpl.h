@@ -5,6 +5,7 @@
 #include "client/Connector.h"
 #include "client/EngineMutex.h"
 #include "client/FrameResult.h"
+#include "client/Heartbeats.h"
 #include "client/WorkerStacks.h"
 #include "frames/SendFrame.h"
 #include "frames/ServerFrame.h"
@@ -17,6 +18,7 @@
 #include <tavren/HeaderMap.h>
 #include <tavren/Listener.h>
 #include <tavren/Logger.h>
+#include <tavren/TlsOptions.h>
 
 #include <pthread.h>
 
@@ -46,6 +48,12 @@ namespace internal {
  * settings, events, send and close), the subscription registry and the
  * listen thread.
  */
+/** A broker the client may connect to. */
+struct BrokerAddress {
+    std::string host;
+    int port;
+};
+
 class StompClientImpl {
 public:
     StompClientImpl(tavren::Logger* logger, std::string clientName);
@@ -60,6 +68,13 @@ public:
     void setupAuthentication(std::string login, std::string passcode);
     void setupHeartbeating(std::pair<std::string, std::string>* heartbeat);
     /** Stores the settings and makes the first connection attempt on this thread. */
+    // Capabilities the application switches on before openConnection; each
+    // throws std::logic_error once it has been called.
+    void useTls(const tavren::TlsOptions& options);
+    void enableHeartbeats();
+    void addFailoverBroker(std::string host, int port);
+    void setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes);
+
     void setupRobustConnection(int reconnectPeriod, kelvra::utility::Version version, std::string clientName,
                                std::string virtualHost);
     /** A new connector and its first attempt; on failure its timer retries. */
@@ -94,6 +109,11 @@ private:
     friend class Connector;
     class ListenLoop;
 
+    void requireNotOpened(const char* call) const;
+    /** The broker the next attempt connects to. */
+    const BrokerAddress& currentBroker() const { return brokers[brokerIndex]; }
+    /** A connection attempt failed: the next one goes to the next broker, when there are several. */
+    void moveToNextBroker();
     void installSession(Session* fresh);
     void installConnector(Connector* fresh);
     void connectAgain();
@@ -113,8 +133,10 @@ private:
     void retryLeft();
 
     tavren::Logger* logger; // not owned
-    std::string host;
-    int port;
+    // The brokers to connect to: the constructor's first, then the failover
+    // ones in the order added; brokerIndex is the one the next attempt uses.
+    std::vector<BrokerAddress> brokers;
+    size_t brokerIndex;
     bool useAuthentication;
     std::string login;
     std::string passcode;
@@ -165,6 +187,10 @@ private:
     // closeConnection is waiting for the engine or running: a connection
     // lost meanwhile is not made again.
     std::atomic<int> closing;
+    // openConnection has been called: the capabilities above are fixed.
+    std::atomic<bool> opened;
+    bool heartbeatsEnabled; // watch and send the heart-beats agreed at connect
+    Heartbeats agreed;      // this connection's; set before its listen thread starts
 };
 
 } // namespace internal

@@ -23,6 +23,7 @@
 #include <ctime>
 #include <limits.h>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -79,6 +80,10 @@ private:
     }
 
     bool waitForWork();
+    /** Sends a heart-beat when one is due; the line to log when the broker has been silent too long, else empty. */
+    std::string keepHeartbeats();
+    /** Logs line, drops the connection and has it made again (unless the engine stopped this thread). */
+    void giveUp(const std::string& line);
     void readAndDispatch();
     bool full() const { return waiting || static_cast<int>(workers.size()) >= engine->maxWorkers; }
     void dispatch(ServerFrame* frame);
@@ -110,6 +115,10 @@ private:
     Listener::WorkerData* waiting;
     std::string lastMatchedId;                         // the receipt id this thread matched most recently
     std::chrono::steady_clock::time_point settleUntil; // the end of the budget for the last ACKs and NACKs
+    const Heartbeats agreed;                           // this connection's heart-beats
+    const bool heartbeating;                           // in either direction
+    // When reading last paused because every worker was busy, if it ever did.
+    std::optional<std::chrono::steady_clock::time_point> readingPausedAt;
 };
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
@@ -119,7 +128,9 @@ StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
       connectionLost(false),
       boundReported(false),
       wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      waiting(nullptr) {
+      waiting(nullptr),
+      agreed(e->agreed),
+      heartbeating(agreed.sendEveryMs > 0 || agreed.expectEveryMs > 0) {
     pthread_attr_init(&workerAttributes);
 }
 
@@ -145,6 +156,13 @@ void StompClientImpl::ListenLoop::run() {
     for (;;) {
         try {
             const bool readable = waitForWork();
+            if (heartbeating && !connectionLost) {
+                const std::string silence = keepHeartbeats();
+                if (!silence.empty()) {
+                    giveUp(silence);
+                    continue;
+                }
+            }
             // When the engine stops this thread it holds the lock and waits
             // for the thread to end; the thread then settles its workers
             // without taking the lock, which its stopper holds for it.
@@ -161,12 +179,7 @@ void StompClientImpl::ListenLoop::run() {
         } catch (AprException& e) {
             std::ostringstream line;
             line << "while trying to listen for messages. Error " << e.apr_reason() << ": " << e.what();
-            engine->logError(line.str());
-            // A failed ACK or NACK arrives here without the lock.
-            if (!locked) lockEngine();
-            if (locked && !stopRequested()) engine->eventDisconnectError();
-            unlockEngine();
-            connectionLost = true;
+            giveUp(line.str());
         } catch (std::exception& e) {
             // Whatever else a frame brings about must not end the thread.
             engine->logError(std::string("while trying to listen for messages: ") + e.what());
@@ -193,6 +206,38 @@ bool StompClientImpl::ListenLoop::waitForWork() {
     // A failure (the connection went) is left to the read to report.
     if (engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &readable, &woken) != 0) return true;
     return readable;
+}
+
+std::string StompClientImpl::ListenLoop::keepHeartbeats() {
+    // Without the engine lock: only the connection is used, under its own.
+    StompConnection& connection = *engine->connection;
+    if (agreed.sendEveryMs > 0 && connection.msSinceSend() >= agreed.sendEveryMs) {
+        long long timeout = kWriteTimeoutUs;
+        connection.sendHeartbeat(&timeout);
+    }
+    if (agreed.expectEveryMs <= 0) return "";
+    // While every worker is busy nothing is read, so the broker's silence
+    // cannot be judged: it is counted only from when reading went on.
+    const auto now = std::chrono::steady_clock::now();
+    if (full()) readingPausedAt = now;
+    long long silentMs = connection.msSinceReceive();
+    if (readingPausedAt) {
+        const long long sincePause =
+            std::chrono::duration_cast<std::chrono::milliseconds>(now - *readingPausedAt).count();
+        silentMs = std::min(silentMs, sincePause);
+    }
+    if (silentMs <= 2 * agreed.expectEveryMs) return "";
+    return "No data from the broker for " + std::to_string(silentMs) + " ms, twice its heart-beat interval of " +
+           std::to_string(agreed.expectEveryMs) + " ms: the connection is taken as lost.";
+}
+
+void StompClientImpl::ListenLoop::giveUp(const std::string& line) {
+    engine->logError(line);
+    // A failed ACK or NACK arrives here without the lock.
+    if (!locked) lockEngine();
+    if (locked && !stopRequested()) engine->eventDisconnectError();
+    unlockEngine();
+    connectionLost = true;
 }
 
 void StompClientImpl::ListenLoop::readAndDispatch() {

@@ -3,6 +3,7 @@
 
 #include <apr_strings.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -23,7 +24,19 @@ const size_t kKeptLineCapacity = 1024;
 } // namespace
 
 FrameParser::FrameParser()
-    : state(COMMAND), frame(nullptr), body(nullptr), bodySize(0), bodyCapacity(0), bodyExpected(0) {}
+    : state(COMMAND),
+      frame(nullptr),
+      body(nullptr),
+      bodySize(0),
+      bodyCapacity(0),
+      bodyExpected(0),
+      maxLine(0),
+      maxBody(0) {}
+
+void FrameParser::setLimits(size_t maxLineBytes, size_t maxBodyBytes) {
+    maxLine = maxLineBytes;
+    maxBody = maxBodyBytes;
+}
 
 FrameParser::~FrameParser() { reset(); }
 
@@ -55,6 +68,19 @@ FrameParser::Result FrameParser::fail() {
     return MALFORMED;
 }
 
+void FrameParser::reserveLine(size_t size) {
+    if (size <= line.capacity()) return;
+    // The capacity doubles as std::string would grow it, but stops at the
+    // limit: a line that may not pass maxLine takes no memory past it.
+    size_t capacity = 2 * line.capacity();
+    if (capacity < size) capacity = size;
+    if (capacity > maxLine) capacity = maxLine;
+    std::string grown;
+    grown.reserve(capacity);
+    grown.assign(line);
+    line.swap(grown);
+}
+
 // Takes the bytes of one line. When the line ends within [p, end), *haveLine
 // is set and *text/*size describe it (pointing into the input when the whole
 // line is there, into `line` otherwise); p moves past its line feed.
@@ -63,11 +89,20 @@ FrameParser::Result FrameParser::takeLine(const char*& p, const char* end, bool*
     const size_t available = static_cast<size_t>(end - p);
     const char* lf = static_cast<const char*>(std::memchr(p, '\n', available));
     const size_t span = lf ? static_cast<size_t>(lf - p) : available;
+    if (maxLine && line.size() + span > maxLine) {
+        // The byte past the limit shows the line to be too long, unless a
+        // NUL before it showed the frame to be malformed first.
+        const size_t allowed = line.size() < maxLine ? maxLine - line.size() : 0;
+        const char* nul = static_cast<const char*>(std::memchr(p, '\0', allowed));
+        p = nul ? nul + 1 : p + allowed + 1;
+        return fail();
+    }
     const char* nul = static_cast<const char*>(std::memchr(p, '\0', span));
     if (nul) { // a NUL inside a line: the frame is malformed once the NUL is read
         p = nul + 1;
         return fail();
     }
+    if (maxLine && (!lf || !line.empty())) reserveLine(line.size() + span);
     if (!lf) {
         line.append(p, span);
         p = end;
@@ -115,6 +150,9 @@ FrameParser::Result FrameParser::endOfHeaders() {
     // body byte is taken.
     if (announced < 0) return fail();
     bodyExpected = static_cast<size_t>(announced);
+    // A body announced past the limit is refused before any memory is taken
+    // for it, and before any of its bytes.
+    if (maxBody && bodyExpected > maxBody) return fail();
     bodyCapacity = bodyExpected + 1 < kFirstBodyCapacity ? bodyExpected + 1 : kFirstBodyCapacity;
     body = new char[bodyCapacity];
     state = bodyExpected ? BODY_SIZED : BODY_END;
@@ -126,6 +164,9 @@ void FrameParser::appendBody(const char* data, size_t size) {
         size_t capacity = bodyCapacity ? bodyCapacity : 256;
         while (capacity < bodySize + size + 1) capacity *= 2;
         if (state == BODY_SIZED && capacity > bodyExpected + 1) capacity = bodyExpected + 1;
+        // A body to its NUL is never let past maxBody, nor a sized one
+        // announced past it: the array stops at the limit too.
+        if (maxBody && capacity > maxBody + 1) capacity = std::max(maxBody + 1, bodySize + size + 1);
         char* grown = new char[capacity];
         if (bodySize) std::memcpy(grown, body, bodySize);
         delete[] body;
@@ -176,6 +217,12 @@ FrameParser::Result FrameParser::parse(const char* data, size_t length, size_t* 
             const size_t available = static_cast<size_t>(end - p);
             const char* nul = static_cast<const char*>(std::memchr(p, '\0', available));
             const size_t take = nul ? static_cast<size_t>(nul - p) : available;
+            if (maxBody && bodySize + take > maxBody) {
+                // Malformed at the first byte past the limit; nothing past it is stored.
+                p += (bodySize < maxBody ? maxBody - bodySize : 0) + 1;
+                result = fail();
+                break;
+            }
             if (!body && nul) { // the whole body is here: one exact allocation
                 body = new char[take + 1];
                 bodyCapacity = take + 1;

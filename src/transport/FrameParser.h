@@ -30,19 +30,31 @@ namespace internal {
  *    always be read as a C string; a frame without a body byte still gets an
  *    empty body;
  *  - whatever follows the closing NUL is left for the next frame (the line
- *    feed that writers put there comes out as a heart-beat).
+ *    feed that writers put there comes out as a heart-beat);
+ *  - with limits set (setLimits; none by default), a line longer than
+ *    maxLine bytes without its line feed is malformed at its byte
+ *    maxLine + 1, a body up to a NUL longer than maxBody bytes is
+ *    malformed at its byte maxBody + 1, and a "content-length" above
+ *    maxBody is malformed right after the empty line that ends the
+ *    headers, no body byte taken. A line at the limit, or a body at the
+ *    limit, is accepted.
  *
  * It consumes exactly the bytes that a byte-by-byte reader would have taken
  * off the socket: up to the end of a frame, or up to and including the byte
  * that showed the frame to be malformed. Memory used for one frame (the
  * pieces of a line that spans feeds) is released when that frame ends.
+ * With limits, no memory is taken past them: the pieces of a line grow to
+ * maxLine bytes at most, a body's array to maxBody + 1 (its NUL), so a
+ * broker that sends an endless line or body, or announces gigabytes, costs
+ * the limits and no more. Without limits the only extra work is a
+ * comparison or two per line and per piece of body.
  */
 class FrameParser {
 public:
     enum Result {
         COMPLETE,   // a frame (or heart-beat) is ready: takeFrame()
         INCOMPLETE, // every byte was taken; more are needed
-        MALFORMED   // a line holds a NUL, a header has no colon, or a sized body lacks its NUL
+        MALFORMED   // a line holds a NUL, a header has no colon, a sized body lacks its NUL, or a limit is passed
     };
 
     FrameParser();
@@ -66,6 +78,17 @@ public:
     /** Drops a half-read frame. */
     void reset();
 
+    /**
+     * Bounds what a frame may hold: a line (command or header, without its
+     * line feed) longer than maxLineBytes, or a body longer than
+     * maxBodyBytes, is MALFORMED as soon as the limit is passed; a
+     * "content-length" above maxBodyBytes is MALFORMED at the end of the
+     * headers. 0: no limit (the default). Meant to be called between
+     * frames; a frame under way is held to the new limits for the bytes
+     * still to come (a sized body already announced keeps its length).
+     */
+    void setLimits(size_t maxLineBytes, size_t maxBodyBytes);
+
 private:
     enum State { COMMAND, HEADERS, BODY_TO_NUL, BODY_SIZED, BODY_END };
 
@@ -75,6 +98,7 @@ private:
     void appendBody(const char* data, size_t size);
     Result finishBody();
     Result fail();
+    void reserveLine(size_t size);
     void releaseScratch();
 
     State state;
@@ -84,6 +108,8 @@ private:
     size_t bodySize;     // bytes of body read so far
     size_t bodyCapacity; // size of the body array
     size_t bodyExpected; // for a sized body: its length
+    size_t maxLine;      // the longest line accepted, 0 for any
+    size_t maxBody;      // the longest body accepted, 0 for any
 };
 
 } // namespace internal

@@ -68,7 +68,7 @@ public:
     /** The descriptor of a runtime socket. */
     static int descriptor(apr_socket_t* socket);
 
-private:
+    /** Waits until fd has events (poll()'s) or the deadline passed (APR_TIMEUP). */
     static apr_status_t waitFor(int fd, short events, const Deadline& deadline);
 };
 

@@ -9,6 +9,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -93,7 +94,38 @@ apr_interval_time_t StompConnection::writeTimeout(long long* t) {
 apr_status_t StompConnection::writeBuffer(char const* data, unsigned int length, apr_interval_time_t timeout) {
     if (length == 0) return APR_SUCCESS;
     struct iovec one = piece(data, length);
-    return SocketIo::sendAll(socket, &one, 1, timeout);
+    return sendPieces(&one, 1, timeout);
+}
+
+long long StompConnection::nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+apr_status_t StompConnection::sendPieces(struct iovec* pieces, int count, apr_interval_time_t timeout) {
+    const apr_status_t rc =
+        tls ? tls->sendAll(pieces, count, timeout) : SocketIo::sendAll(socket, pieces, count, timeout);
+    if (tracking && rc == APR_SUCCESS) lastSendNs = nowNs();
+    return rc;
+}
+
+apr_status_t StompConnection::receiveSome(char* buffer, size_t length, size_t* received,
+                                          const SocketIo::Deadline& deadline) {
+    const apr_status_t rc = tls ? tls->receive(buffer, length, received, deadline)
+                                : SocketIo::receive(socket, buffer, length, received, deadline);
+    if (tracking && rc == APR_SUCCESS) lastReceiveNs = nowNs();
+    return rc;
+}
+
+void StompConnection::useTls(const tavren::TlsOptions& options) {
+    Lock lock(mutex);
+    tlsOptions.reset(new tavren::TlsOptions(options));
+}
+
+apr_status_t StompConnection::startTls(char const* host, apr_time_t end) {
+    apr_status_t rc = APR_SUCCESS;
+    tls = TlsChannel::open(SocketIo::descriptor(socket), *tlsOptions, host, end, &lastFailure, &rc);
+    return rc;
 }
 
 apr_status_t StompConnection::createPool() {
@@ -102,6 +134,7 @@ apr_status_t StompConnection::createPool() {
 }
 
 void StompConnection::cleanPool() {
+    tls.reset(); // its socket goes with the pool
     if (connectionPool) {
         // The pool closes the socket, if one is left: interrupt() must not see it any more.
         setInterruptible(-1);
@@ -134,6 +167,7 @@ bool StompConnection::interrupt() {
 }
 
 apr_status_t StompConnection::internalDisconnect() {
+    if (tls) tls->close();
     apr_socket_shutdown(socket, APR_SHUTDOWN_WRITE);
     apr_status_t rc;
     {
@@ -159,7 +193,11 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         }
     }
     emptyReadAhead();
+    lastFailure.clear();
 
+    // The TCP connect over all the addresses, and the TLS handshake when
+    // there is one, share one time-out.
+    const apr_time_t end = apr_time_now() + policy.connectTimeoutUs;
     apr_status_t rc = createPool();
     if (rc == APR_SUCCESS)
         rc = apr_sockaddr_info_get(&remoteAddress, host, APR_UNSPEC, static_cast<apr_port_t>(port & 0xFFFF), 0,
@@ -169,8 +207,6 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         // (localhost: ::1 and 127.0.0.1), the next one is tried only if the
         // one before could not be connected, and the first failure is what
         // a caller sees when none can.
-        // All the addresses share one connect time-out.
-        const apr_time_t end = apr_time_now() + policy.connectTimeoutUs;
         apr_status_t first = APR_SUCCESS;
         for (apr_sockaddr_t* address = remoteAddress; address; address = address->next) {
             if (socket) {
@@ -199,6 +235,7 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         rc = apr_socket_addr_get(&localAddress, APR_LOCAL, socket);
     }
     if (rc == APR_SUCCESS) rc = apr_sockaddr_ip_get(&localIp, localAddress);
+    if (rc == APR_SUCCESS && tlsOptions) rc = startTls(host, end);
     if (rc == APR_SUCCESS) {
         if (timeout) {
             savedTimeout = *timeout;
@@ -219,6 +256,7 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         cleanPool(); // also disposes of a half-made socket
         return rc;
     }
+    if (tracking) lastSendNs = lastReceiveNs = nowNs();
     connected = true;
     return APR_SUCCESS;
 }
@@ -310,7 +348,7 @@ apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t fra
         count = 1;
     }
 
-    return SocketIo::sendAll(socket, pieces, static_cast<int>(count), writeTimeout(timeout));
+    return sendPieces(pieces, static_cast<int>(count), writeTimeout(timeout));
 }
 
 apr_status_t StompConnection::sendHeartbeat(long long* timeout) {

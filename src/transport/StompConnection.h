@@ -6,14 +6,20 @@
 #include "frames/ServerFrame.h"
 #include "transport/AprManager.h"
 #include "transport/FrameParser.h"
+#include "transport/SocketIo.h"
 #include "transport/SocketPolicy.h"
+#include "transport/TlsChannel.h"
 
 #include <apr_network_io.h>
 #include <apr_pools.h>
 #include <apr_thread_mutex.h>
 
+#include <tavren/TlsOptions.h>
+
 #include <atomic>
+#include <memory>
 #include <mutex>
+#include <string>
 
 namespace tavren {
 namespace internal {
@@ -55,6 +61,31 @@ public:
      * own reads and writes do not depend on: they wait per call).
      */
     apr_status_t connect(char const* host, int port, long long* timeout, int* nonBlock);
+
+    /**
+     * Later connects run TLS over the TCP connection (the handshake within
+     * the connect time-out), and every read and write goes through it.
+     */
+    void useTls(const tavren::TlsOptions& options);
+
+    /** Bounds the lines and bodies of frames read from now on (see FrameParser::setLimits). */
+    void setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes) { parser.setLimits(maxLineBytes, maxBodyBytes); }
+
+    /**
+     * Why the last connect failed, when its status alone cannot say (a TLS
+     * handshake: the verification error, say); empty otherwise.
+     */
+    const std::string& failureDetail() const { return lastFailure; }
+
+    /**
+     * From the next connect on, notes when bytes last went out and came in
+     * (both start at the connect), for the heart-beats.
+     */
+    void trackActivity() { tracking = true; }
+    /** Milliseconds since bytes last went out; since the connect when none did yet. */
+    long long msSinceSend() const { return msSince(lastSendNs); }
+    /** Milliseconds since bytes last came in; since the connect when none did yet. */
+    long long msSinceReceive() const { return msSince(lastReceiveNs); }
 
     /** The limits later connects apply. */
     void setPolicy(const SocketPolicy& p) { policy = p; }
@@ -140,6 +171,12 @@ protected:
     apr_status_t currentTimeout(apr_interval_time_t* timeout);
     void emptyReadAhead();
     apr_status_t connectWithin(apr_sockaddr_t* address, apr_time_t end);
+    apr_status_t startTls(char const* host, apr_time_t end);
+    static long long nowNs();
+    static long long msSince(const std::atomic<long long>& ns) { return (nowNs() - ns.load()) / 1000000; }
+    // The socket's bytes, through TLS when the connection has it.
+    apr_status_t sendPieces(struct iovec* pieces, int count, apr_interval_time_t timeout);
+    apr_status_t receiveSome(char* buffer, size_t length, size_t* received, const SocketIo::Deadline& deadline);
     void applyKeepAlive();
     void setInterruptible(int fd);
 
@@ -182,6 +219,14 @@ private:
     FrameParser parser;
 
     SocketPolicy policy;
+    std::unique_ptr<tavren::TlsOptions> tlsOptions; // null: plain TCP
+    std::unique_ptr<TlsChannel> tls;                // the TLS session of the current socket, if any
+    std::string lastFailure;
+    // Activity, for heart-beats: steady-clock nanoseconds, read by the listen
+    // thread without the mutex. Noted only when tracking.
+    bool tracking = false;
+    std::atomic<long long> lastSendNs{0};
+    std::atomic<long long> lastReceiveNs{0};
     // The descriptor interrupt() may shut down, -1 when none. Its own small
     // lock, taken around the close too, so that interrupt() never touches a
     // descriptor number the system has handed out again.

@@ -18,7 +18,7 @@ apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int tim
         if (lock.status() != APR_SUCCESS) return lock.status();
         if (!connected) return APR_ENOSOCKET;
         // Received bytes that were not parsed yet may already hold a frame.
-        if (watchSocket && readStart < readEnd) {
+        if (watchSocket && (readStart < readEnd || (tls && tls->hasPending()))) {
             *readable = true;
             return APR_SUCCESS;
         }
@@ -74,7 +74,7 @@ apr_status_t StompConnection::read(ServerFrame** out, bool block, long long* tim
 
         // Every buffered byte belongs to the frame in progress: receive more.
         size_t received = 0;
-        apr_status_t rc = SocketIo::receive(socket, readAhead, kReadAheadSize, &received, deadline);
+        apr_status_t rc = receiveSome(readAhead, kReadAheadSize, &received, deadline);
         if (rc != APR_SUCCESS) {
             // Nothing more yet (would-block or time-out): a partly received
             // frame is kept for the next call. Any other failure ends the

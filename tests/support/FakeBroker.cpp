@@ -173,6 +173,24 @@ bool FakeBroker::sendRaw(const std::string& bytes) {
     return runOnServer([this, bytes] { return writeAll(bytes); });
 }
 
+bool FakeBroker::sendStream(const std::string& head, size_t count, char fill, const std::string& tail, size_t* written,
+                            size_t chunk) {
+    // Owned by the task, not by this frame: the serving thread may outlive a timed-out wait.
+    std::shared_ptr<size_t> sent = std::make_shared<size_t>(0);
+    const bool done = runOnServer([this, head, count, fill, tail, chunk, sent] {
+        if (!writeBytes(head.data(), head.size(), sent.get())) return false;
+        const std::string piece(std::min(chunk, count), fill);
+        for (size_t left = count; left > 0;) {
+            const size_t n = std::min(left, piece.size());
+            if (!writeBytes(piece.data(), n, sent.get())) return false;
+            left -= n;
+        }
+        return writeBytes(tail.data(), tail.size(), sent.get());
+    });
+    if (written) *written = *sent;
+    return done;
+}
+
 void FakeBroker::dropConnection() {
     runOnServer([this] {
         // Unread input would turn close() into a reset; read it first so the client sees a clean end.
@@ -228,6 +246,11 @@ bool FakeBroker::isClientConnected() const {
 int FakeBroker::connectionCount() const {
     std::lock_guard<std::mutex> lock(mutex);
     return accepted;
+}
+
+int FakeBroker::heartBeatsReceived() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return heartBeats;
 }
 
 std::vector<RecordedFrame> FakeBroker::frames() const {
@@ -415,9 +438,18 @@ bool FakeBroker::openListener(int port) {
 void FakeBroker::parseFrames() {
     size_t pos = 0;
     for (;;) {
+        const size_t from = pos;
         pos = skipHeartBeats(input, pos);
+        int feeds = 0;
+        for (size_t i = from; i < pos; ++i) feeds += input[i] == '\n';
+        if (feeds > 0) {
+            std::lock_guard<std::mutex> lock(mutex);
+            heartBeats += feeds - (frameJustEnded ? 1 : 0);
+            frameJustEnded = false;
+        }
         RecordedFrame frame;
         if (!parseFrame(&pos, &frame)) break;
+        frameJustEnded = true;
         handleFrame(std::move(frame));
         if (clientFd < 0) return; // the frame's answer closed the connection, and its input with it
     }
@@ -577,13 +609,20 @@ bool FakeBroker::writeFrame(const std::string& command, const HeaderMap& headers
 }
 
 bool FakeBroker::writeAll(const std::string& bytes) {
+    size_t written = 0;
+    return writeBytes(bytes.data(), bytes.size(), &written);
+}
+
+// Adds to *written what it wrote.
+bool FakeBroker::writeBytes(const char* data, size_t size, size_t* written) {
     size_t done = 0;
-    while (clientFd >= 0 && done < bytes.size()) {
-        const ssize_t n = ::send(clientFd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    while (clientFd >= 0 && done < size) {
+        const ssize_t n = ::send(clientFd, data + done, size - done, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
         // A failed write means the client is gone; reading notices that and closes.
         if (n <= 0) return false;
         done += static_cast<size_t>(n);
+        *written += static_cast<size_t>(n);
     }
     return clientFd >= 0;
 }

@@ -78,6 +78,17 @@ public:
                      std::string* messageId = nullptr);
     /** Writes bytes as they are; false if no client is connected or the write failed. */
     bool sendRaw(const std::string& bytes);
+    /**
+     * Writes head, then count copies of fill, then tail, the fill in writes
+     * of at most chunk bytes from one buffer of that size: a stream of any
+     * length costs the broker one chunk of memory. Nothing else is served
+     * meanwhile. True once every byte was written; false as soon as a write
+     * fails (no client, the client closed or reset the connection, or it
+     * read nothing for the send time-out of 5 s). *written, when given, is
+     * set to the bytes written, head and tail included.
+     */
+    bool sendStream(const std::string& head, size_t count, char fill, const std::string& tail,
+                    size_t* written = nullptr, size_t chunk = 1024 * 1024);
     /** Closes the client connection (FIN). */
     void dropConnection();
     /** Closes the client connection with a reset (SO_LINGER 0). */
@@ -98,6 +109,8 @@ public:
 
     bool isClientConnected() const;
     int connectionCount() const;
+    /** Heart-beats (line feeds between frames, beyond the one that ends each frame) received from clients. */
+    int heartBeatsReceived() const;
     std::vector<RecordedFrame> frames() const;
     std::vector<RecordedFrame> framesWithCommand(const std::string& command) const;
     void clearFrames();
@@ -147,6 +160,7 @@ private:
                       std::string* messageId);
     bool writeFrame(const std::string& command, const HeaderMap& headers, const std::string& body);
     bool writeAll(const std::string& bytes);
+    bool writeBytes(const char* data, size_t size, size_t* written);
 
     // Owned by the serving thread once it runs (listenPort never changes).
     int listenFd;
@@ -158,6 +172,8 @@ private:
     bool readingStopped; // the current client is not read
 
     mutable std::mutex mutex;
+    int heartBeats = 0;          // under mutex
+    bool frameJustEnded = false; // the next line feed ends the frame before it
     mutable std::condition_variable changed;
     // Guarded by mutex.
     bool stopping;
