@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 
 namespace tavren_tools {
 
@@ -56,6 +58,10 @@ std::vector<struct option> withCommonOptions(std::vector<struct option> own) {
         {"protocol", required_argument, nullptr, kOptProtocol},
         {"heart-beat", required_argument, nullptr, kOptHeartbeat},
         {"connect-timeout", required_argument, nullptr, kOptConnectTimeout},
+        {"tls", no_argument, nullptr, kOptTls},
+        {"ca", required_argument, nullptr, kOptCa},
+        {"cert", required_argument, nullptr, kOptCert},
+        {"key", required_argument, nullptr, kOptKey},
         {"verbose", no_argument, nullptr, kOptVerbose},
         {"help", no_argument, nullptr, kOptHelp},
     };
@@ -73,6 +79,11 @@ const char* commonOptionsHelp() {
            "      --protocol VERSION       STOMP version to offer: 1.0, 1.1 or 1.2 (default 1.2)\n"
            "      --heart-beat CX,CY       heart-beat header of CONNECT, in ms (default 0,0)\n"
            "      --connect-timeout SECS   give up when not connected after SECS (default 5)\n"
+           "      --tls                    connect over TLS (1.2 or later); the broker's certificate\n"
+           "                               must come from a CA the system trusts and name HOST\n"
+           "      --ca FILE                trust the CAs in FILE (PEM) instead; implies --tls\n"
+           "      --cert FILE              present the client certificate in FILE (PEM); implies --tls\n"
+           "      --key FILE               the private key of --cert (PEM, not encrypted); implies --tls\n"
            "  -v, --verbose                print the library's log on standard error\n"
            "  -h, --help                   print this help and exit\n";
 }
@@ -132,6 +143,19 @@ bool applyCommonOption(int id, const char* value, ConnectionOptions* options) {
         return true;
     }
     case kOptConnectTimeout: options->connectTimeout = parseSeconds(value, "--connect-timeout"); return true;
+    case kOptTls: options->tls = true; return true;
+    case kOptCa:
+    case kOptCert:
+    case kOptKey: {
+        const char* name = id == kOptCa ? "--ca" : id == kOptCert ? "--cert" : "--key";
+        if (*value == '\0') throw UsageError(std::string(name) + " must not be empty");
+        std::string& file = id == kOptCa     ? options->tlsFiles.caFile
+                            : id == kOptCert ? options->tlsFiles.certificateFile
+                                             : options->tlsFiles.privateKeyFile;
+        file = value;
+        options->tls = true;
+        return true;
+    }
     case kOptVerbose: options->verbose = true; return true;
     default: return false;
     }
@@ -145,6 +169,18 @@ void applyOtherOption(int id, char* const argv[], void (*printHelp)(), Connectio
     case ':': throw UsageError(std::string("option ") + argv[optind - 1] + " needs a value");
     case '?': throw UsageError(std::string("unknown option ") + argv[optind - 1]);
     default: applyCommonOption(id, optarg, options);
+    }
+}
+
+void checkCommonOptions(const ConnectionOptions& options) {
+    const tavren::TlsOptions& files = options.tlsFiles;
+    if (files.certificateFile.empty() != files.privateKeyFile.empty()) throw UsageError("--cert and --key go together");
+    // Only whether each opens: the library reads them at every connection
+    // attempt, and the key's content is never printed.
+    for (const std::string* file : {&files.caFile, &files.certificateFile, &files.privateKeyFile}) {
+        if (file->empty()) continue;
+        std::ifstream in(*file);
+        if (!in) throw UsageError("cannot read " + *file + ": " + std::strerror(errno));
     }
 }
 
@@ -235,6 +271,7 @@ std::unique_ptr<tavren::StompClient> connectOrGiveUp(const ConnectionOptions& op
         options.credentials
             ? new tavren::StompClient(options.host, options.port, options.login, options.passcode, &logger, &heartbeat)
             : new tavren::StompClient(options.host, options.port, &logger, &heartbeat));
+    if (options.tls) client->useTls(options.tlsFiles);
     try {
         client->openConnection(kReconnectPeriodMs, kelvra::utility::Version(options.protocol));
     } catch (std::exception& e) {

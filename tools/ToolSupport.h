@@ -6,6 +6,7 @@
 // options and their parsing, a logger that stays quiet unless asked, and the
 // connect-or-give-up step. Public API of libtavren only.
 
+#include <tavren/TlsOptions.h>
 #include <tavren/tavren.h>
 
 #include <getopt.h>
@@ -48,6 +49,8 @@ struct ConnectionOptions {
     std::pair<std::string, std::string> heartbeat{"0", "0"};
     double connectTimeout = 5; // seconds
     bool verbose = false;
+    bool tls = false;            // --tls, or implied by --ca, --cert or --key
+    tavren::TlsOptions tlsFiles; // the files of --ca, --cert and --key
 };
 
 // Option ids of the shared long options; a tool's own options use
@@ -61,7 +64,11 @@ enum CommonOptionId {
     kOptHeartbeat,
     kOptConnectTimeout,
     kOptHelp,
-    kOptVerbose
+    kOptVerbose,
+    kOptTls,
+    kOptCa,
+    kOptCert,
+    kOptKey
 };
 
 /** own, followed by the shared options and the terminating entry, for getopt_long. */
@@ -79,6 +86,13 @@ bool applyCommonOption(int id, const char* value, ConnectionOptions* options);
  * unknown option (UsageError), and the shared options.
  */
 void applyOtherOption(int id, char* const argv[], void (*printHelp)(), ConnectionOptions* options);
+
+/**
+ * Checks the shared options together once all are parsed: --cert and --key
+ * go together, and the files of --ca, --cert and --key must be readable
+ * (UsageError otherwise, before anything reaches the broker).
+ */
+void checkCommonOptions(const ConnectionOptions& options);
 
 /** A whole decimal number within [min, max]; what names it in the error. */
 long parseInteger(const char* text, const char* what, long min, long max);

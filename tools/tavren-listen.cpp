@@ -83,6 +83,7 @@ ListenOptions parse(int argc, char** argv) {
     if (rest < 1) throw UsageError("no QUEUE given");
     if (rest > 1) throw UsageError("too many arguments");
     options.queue = queueArgument(argv[optind]);
+    checkCommonOptions(options.connection);
     return options;
 }
 

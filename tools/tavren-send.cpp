@@ -82,6 +82,7 @@ SendOptions parse(int argc, char** argv) {
     if (rest < 1) throw UsageError("no QUEUE given");
     if (rest > 2) throw UsageError("too many arguments (put a TEXT with spaces in quotes)");
     options.queue = queueArgument(argv[optind]);
+    checkCommonOptions(options.connection);
     if (rest == 2) {
         options.text = argv[optind + 1];
         options.hasText = true;

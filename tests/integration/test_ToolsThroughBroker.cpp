@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // tavren-send and tavren-listen moving messages through RabbitMQ
-// (scripts/rabbitmq.sh start), as an operator would use them.
+// (scripts/rabbitmq.sh start), as an operator would use them, on its plain
+// and its TLS port.
 
 #include "support/RealBroker.h"
 #include "support/ToolProcess.h"
@@ -92,6 +93,61 @@ TEST_F(ToolsThroughRabbitMQ, AWrongPasscodeCannotConnect) {
     EXPECT_EQ(3, r.status);
     EXPECT_EQ(0u,
               r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.port()) + " within 2 s: "))
+        << r.err;
+}
+
+// RabbitMQ's TLS port asks for a client certificate of the test CA
+// (scripts/brokers/tls-certs.sh).
+class ToolsThroughRabbitMQOverTls : public ToolsThroughRabbitMQ {
+protected:
+    void SetUp() override {
+        ToolsThroughRabbitMQ::SetUp();
+        ASSERT_TRUE(broker.listensForTls()) << broker.howToStartTls();
+    }
+
+    /** guest over TLS with the test CA, and the client certificate unless without it. */
+    std::vector<std::string> overTls(std::vector<std::string> args, const std::string& ca = "ca.pem",
+                                     bool clientCertificate = true) const {
+        std::vector<std::string> all{
+            "--port", std::to_string(broker.tlsPort()), "--login", "guest", "--passcode", "guest",
+            "--ca",   RealBroker::certificateFile(ca)};
+        if (clientCertificate) {
+            for (const std::string& a : {std::string("--cert"), RealBroker::certificateFile("client.pem"),
+                                         std::string("--key"), RealBroker::certificateFile("client.key")})
+                all.push_back(a);
+        }
+        all.insert(all.end(), args.begin(), args.end());
+        return all;
+    }
+};
+
+TEST_F(ToolsThroughRabbitMQOverTls, LinesSentOverTlsArePrintedByTheListener) {
+    const std::string queue = freshQueue("tls");
+    ToolResult sent = runTool(kSend, overTls({queue}), "first over TLS\nsecond over TLS\n");
+    ASSERT_EQ(0, sent.status) << sent.err;
+    ToolResult got = runTool(kListen, overTls({"-n", "2", "-t", "30", queue}));
+    EXPECT_EQ(0, got.status) << got.err;
+    EXPECT_EQ("first over TLS\nsecond over TLS\n", got.out);
+    ToolResult after = runTool(kListen, overTls({"-t", "1", queue}));
+    EXPECT_EQ(0, after.status) << after.err;
+    EXPECT_EQ("", after.out);
+}
+
+TEST_F(ToolsThroughRabbitMQOverTls, ABrokerCertificateOfAnotherCaCannotConnect) {
+    ToolResult r = runTool(kSend, overTls({"--connect-timeout", "2", freshQueue("tls-ca"), "x"}, "other-ca.pem"));
+    EXPECT_EQ(3, r.status);
+    EXPECT_EQ(0u, r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.tlsPort()) +
+                             " within 2 s: "))
+        << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("certificate verify failed")) << r.err;
+}
+
+TEST_F(ToolsThroughRabbitMQOverTls, WithoutAClientCertificateTheListenerCannotConnect) {
+    ToolResult r =
+        runTool(kListen, overTls({"--connect-timeout", "2", "-t", "5", freshQueue("tls-nocert")}, "ca.pem", false));
+    EXPECT_EQ(3, r.status);
+    EXPECT_EQ(0u, r.err.find("tavren-listen: cannot connect to 127.0.0.1:" + std::to_string(broker.tlsPort()) +
+                             " within 2 s: "))
         << r.err;
 }
 

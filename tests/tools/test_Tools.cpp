@@ -337,6 +337,64 @@ TEST_F(Tools, ListenGivesUpOnAnUnreachableBrokerAfterItsConnectTimeout) {
     EXPECT_LT(r.seconds, 3.5);
 }
 
+// --- TLS options (both tools) --------------------------------------------
+
+TEST_F(Tools, HelpOfBothToolsShowsTheTlsOptions) {
+    for (const std::string& tool : {kSend, kListen}) {
+        ToolResult r = runTool(tool, {"--help"});
+        EXPECT_EQ(0, r.status);
+        for (const char* option : {"      --tls ", "      --ca FILE ", "      --cert FILE ", "      --key FILE "})
+            EXPECT_NE(std::string::npos, r.out.find(option)) << tool << " lacks " << option << "\n" << r.out;
+    }
+}
+
+TEST_F(Tools, TlsOptionsThatCannotWorkAreRefusedWithExitTwo) {
+    const std::string file = ::testing::TempDir() + "tavren-tools-tls.pem";
+    std::ofstream(file) << "not used";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--cert", file}, "--cert and --key go together"},
+        {{"--key", file}, "--cert and --key go together"},
+        {{"--tls", "--key", file}, "--cert and --key go together"},
+        {{"--ca", ""}, "--ca must not be empty"},
+        {{"--ca", "/nonexistent/ca.pem"}, "cannot read /nonexistent/ca.pem: No such file or directory"},
+        {{"--cert", file, "--key", "/nonexistent/client.key"},
+         "cannot read /nonexistent/client.key: No such file or directory"},
+        {{"--ca"}, "option --ca needs a value"},
+    };
+    for (const std::string& tool : {kSend, kListen}) {
+        const std::string name = tool == kSend ? "tavren-send" : "tavren-listen";
+        for (const auto& c : cases) {
+            std::vector<std::string> args{"q"};
+            if (tool == kSend) args.push_back("t");
+            if (c.first.size() == 1) { // an option without its value: last on the line
+                args.insert(args.end(), c.first.begin(), c.first.end());
+            } else {
+                args.insert(args.begin(), c.first.begin(), c.first.end());
+            }
+            ToolResult r = runTool(tool, at(args));
+            EXPECT_EQ(2, r.status) << name << ": " << c.second;
+            EXPECT_EQ(name + ": " + c.second + "\nTry '" + name + " --help'.\n", r.err);
+            EXPECT_EQ("", r.out);
+        }
+    }
+    EXPECT_EQ(0, broker.connectionCount()) << "a wrong argument must not reach the broker";
+    std::remove(file.c_str());
+}
+
+TEST_F(Tools, SendWithTlsSendsNoPlainFrameToABrokerWithoutTls) {
+    // The scripted broker speaks plain STOMP only: the handshake cannot
+    // succeed, and no CONNECT may go out in the clear meanwhile.
+    ToolResult r = runTool(kSend, at({"--tls", "--connect-timeout", "2", "q", "hello"}));
+    EXPECT_EQ(3, r.status) << r.err;
+    EXPECT_EQ(0u,
+              r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.port()) + " within 2 s: "))
+        << r.err;
+    EXPECT_LT(r.seconds, 12.0);
+    EXPECT_GE(broker.connectionCount(), 1);
+    EXPECT_TRUE(broker.framesWithCommand("CONNECT").empty());
+    EXPECT_TRUE(broker.framesWithCommand("SEND").empty());
+}
+
 } // namespace
 } // namespace test
 } // namespace tavren
