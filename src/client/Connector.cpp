@@ -82,11 +82,8 @@ void Connector::attemptOn(const BrokerAddress& broker) {
         apr_status_t rc = connection->connect(broker.host.c_str(), broker.port, nullptr, nullptr);
         if (rc != 0) {
             if (connection) connection->disconnect();
-            // A secure channel that could not be set up says why.
-            const std::string why = connection->failureDetail();
-            if (!why.empty()) throw ConnectionException(ConnectionException::UnknownError, why);
             // A host that did not answer within the connect time-out timed out.
-            throw AprException(APR_STATUS_IS_TIMEUP(rc) ? ETIMEDOUT : rc);
+            throwWithDetail(APR_STATUS_IS_TIMEUP(rc) ? ETIMEDOUT : rc);
         }
 
         ConnectFrame frame;
@@ -100,7 +97,7 @@ void Connector::attemptOn(const BrokerAddress& broker) {
         rc = connection->write(&frame, &writeTimeout);
         if (rc != 0) {
             connection->disconnect();
-            throw AprException(rc);
+            throwWithDetail(rc);
         }
 
         ServerFrame* raw = nullptr;
@@ -110,7 +107,7 @@ void Connector::attemptOn(const BrokerAddress& broker) {
             connection->disconnect();
             // A broker that never answers CONNECT is a connection that timed
             // out: the read's own time-out status is reported as such.
-            throw AprException(APR_STATUS_IS_TIMEUP(rc) ? ETIMEDOUT : rc);
+            throwWithDetail(APR_STATUS_IS_TIMEUP(rc) ? ETIMEDOUT : rc);
         }
         kelvra::UniquePtr<ServerFrame> reply(raw);
 
@@ -134,6 +131,14 @@ void Connector::attemptOn(const BrokerAddress& broker) {
     } catch (AprException& e) {
         throw ConnectionException(errorTypeFor(e.apr_reason()), "");
     }
+}
+
+void Connector::throwWithDetail(apr_status_t rc) {
+    // A secure channel that failed says why (a certificate that did not
+    // verify, the broker's alert); otherwise the status tells the type.
+    const std::string why = owner->connection->failureDetail();
+    if (!why.empty()) throw ConnectionException(ConnectionException::UnknownError, why);
+    throw AprException(rc);
 }
 
 void Connector::onTimeout() {

@@ -55,6 +55,7 @@ protected:
 
 private:
     void attemptOn(const BrokerAddress& broker);
+    [[noreturn]] void throwWithDetail(int status);
 
     StompClientImpl* owner; // not owned
     std::string clientName; // kept for the record; not read

@@ -9,6 +9,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <vector>
@@ -106,6 +107,7 @@ apr_status_t StompConnection::sendPieces(struct iovec* pieces, int count, apr_in
     const apr_status_t rc =
         tls ? tls->sendAll(pieces, count, timeout) : SocketIo::sendAll(socket, pieces, count, timeout);
     if (tracking && rc == APR_SUCCESS) lastSendNs = nowNs();
+    if (rc == EPROTO && tls) noteTlsFailure();
     return rc;
 }
 
@@ -114,7 +116,15 @@ apr_status_t StompConnection::receiveSome(char* buffer, size_t length, size_t* r
     const apr_status_t rc = tls ? tls->receive(buffer, length, received, deadline)
                                 : SocketIo::receive(socket, buffer, length, received, deadline);
     if (tracking && rc == APR_SUCCESS) lastReceiveNs = nowNs();
+    if (rc == EPROTO && tls) noteTlsFailure();
     return rc;
+}
+
+void StompConnection::noteTlsFailure() { lastFailure = "TLS: the connection failed: " + tls->lastError(); }
+
+std::string StompConnection::failureDetail() {
+    Lock lock(mutex);
+    return lastFailure;
 }
 
 void StompConnection::useTls(const tavren::TlsOptions& options) {

@@ -72,10 +72,11 @@ public:
     void setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes) { parser.setLimits(maxLineBytes, maxBodyBytes); }
 
     /**
-     * Why the last connect failed, when its status alone cannot say (a TLS
-     * handshake: the verification error, say); empty otherwise.
+     * Why the last connect, or a later read or write, failed when its status
+     * alone cannot say: the TLS handshake's verification error, the broker's
+     * TLS alert. Empty otherwise; a connect empties it.
      */
-    const std::string& failureDetail() const { return lastFailure; }
+    std::string failureDetail();
 
     /**
      * From the next connect on, notes when bytes last went out and came in
@@ -172,6 +173,7 @@ protected:
     void emptyReadAhead();
     apr_status_t connectWithin(apr_sockaddr_t* address, apr_time_t end);
     apr_status_t startTls(char const* host, apr_time_t end);
+    void noteTlsFailure();
     static long long nowNs();
     static long long msSince(const std::atomic<long long>& ns) { return (nowNs() - ns.load()) / 1000000; }
     // The socket's bytes, through TLS when the connection has it.

@@ -84,7 +84,7 @@ BIO_METHOD* socketMethod() {
 int noPassphrase(char*, int, int, void*) { return 0; }
 
 // OpenSSL's last error on this thread, as text; the queue is emptied.
-std::string lastError() {
+std::string takeOpenSslError() {
     unsigned long code = ERR_peek_last_error();
     ERR_clear_error();
     if (code == 0) return "";
@@ -94,7 +94,7 @@ std::string lastError() {
 }
 
 std::string withReason(const std::string& what) {
-    const std::string reason = lastError();
+    const std::string reason = takeOpenSslError();
     return reason.empty() ? what : what + ": " + reason;
 }
 
@@ -130,9 +130,16 @@ struct TlsChannel::State {
     apr_status_t failure(int e, int savedErrno) {
         if (e == SSL_ERROR_ZERO_RETURN) return APR_EOF;
         if (e == SSL_ERROR_SYSCALL) return savedErrno ? savedErrno : APR_EOF;
+        // A fault of TLS itself: the broker's alert (a refused client
+        // certificate, say) or a record that does not decrypt.
+        const unsigned long code = ERR_peek_last_error();
+        const char* reason = code ? ERR_reason_error_string(code) : nullptr;
+        error = reason ? reason : "a TLS protocol error";
         ERR_clear_error();
         return EPROTO;
     }
+
+    std::string error; // why the last call failed with EPROTO
 
     apr_status_t writeWhole(const char* data, size_t length, apr_interval_time_t timeout);
 };
@@ -232,7 +239,7 @@ std::unique_ptr<TlsChannel> TlsChannel::open(int fd, const tavren::TlsOptions& o
             *why = std::string("TLS handshake failed: certificate verify failed: ") +
                    X509_verify_cert_error_string(verified);
         } else if (e == SSL_ERROR_SYSCALL || e == SSL_ERROR_ZERO_RETURN) {
-            const std::string reason = lastError();
+            const std::string reason = takeOpenSslError();
             *why = "TLS handshake failed: " + (!reason.empty() ? reason
                                                : savedErrno    ? std::string(strerror(savedErrno))
                                                                : std::string("the broker closed the connection"));
@@ -322,6 +329,8 @@ apr_status_t TlsChannel::receive(char* buffer, size_t length, size_t* received, 
 }
 
 bool TlsChannel::hasPending() const { return SSL_pending(state->ssl) > 0; }
+
+const std::string& TlsChannel::lastError() const { return state->error; }
 
 void TlsChannel::close() {
     // The closing alert, if the socket takes it now; the answer is not awaited.

@@ -48,6 +48,9 @@ public:
     /** As SocketIo::receive; decrypted bytes already held count as received at once. */
     apr_status_t receive(char* buffer, size_t length, size_t* received, const SocketIo::Deadline& deadline);
 
+    /** Why the last send or receive failed with EPROTO (OpenSSL's reason, no secret in it). */
+    const std::string& lastError() const;
+
     /** True when decrypted bytes wait to be received (poll() cannot see them). */
     bool hasPending() const;
 
