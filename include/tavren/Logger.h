@@ -39,6 +39,9 @@ namespace tavren {
  * - info: "Connecting again in N ms: the connection was lost M ms after the last attempt to connect began." (a
  *   connection lost within a reconnect period of its attempt is made again by the timer, not at once)
  * - info: "Disconnected." (closeConnection)
+ * - info: "Trying the broker HOST:PORT." (before each attempt, only when StompClient::addFailoverBroker was called)
+ * - error: "No data from the broker for N ms, twice its heart-beat interval of M ms: the connection is taken as
+ *   lost." (only after StompClient::enableHeartbeats; "Disconnected!" and a reconnect follow)
  * - error: "The connection has kept the client busy for 1000 ms: it is shut down so that the client can close."
  *   (closeConnection or the destructor met a stalled write)
  * - error: "Could not start the listen thread: REASON" (the connection is given up and retried on the timer)
