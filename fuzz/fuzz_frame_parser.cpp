@@ -4,7 +4,9 @@
 // byte-by-byte reading of the rules in FrameParser.h. The three must agree
 // on every result (COMPLETE or MALFORMED), the offset at which it came, and
 // every frame (command, headers, every body byte); every frame must keep the
-// promises checked by checkedDump().
+// promises checked by checkedDump(). All of that is done twice: without
+// limits, and with a line and a body limit taken from the input's fifth and
+// sixth bytes (small, so that inputs pass them).
 //
 // scripts/fuzz.sh builds and runs it on a copy of fuzz/corpus/fuzz_frame_parser/;
 // build-fuzz/fuzz/fuzz_frame_parser FILE replays one input.
@@ -32,10 +34,15 @@ struct Outcome {
     bool operator==(const Outcome& o) const { return results == o.results && ends == o.ends && dump == o.dump; }
 };
 
+struct Limits {
+    size_t line, body; // 0: none
+};
+
 // Feeds [data, data+size) in pieces of the given sizes (cycled), collecting what comes out.
-Outcome run(const uint8_t* data, size_t size, const std::vector<size_t>& pieces) {
+Outcome run(const uint8_t* data, size_t size, const std::vector<size_t>& pieces, Limits limits) {
     Outcome outcome;
     FrameParser parser;
+    parser.setLimits(limits.line, limits.body);
     size_t pos = 0;
     size_t next = 0;
     while (pos < size) {
@@ -71,7 +78,8 @@ Outcome run(const uint8_t* data, size_t size, const std::vector<size_t>& pieces)
 // The rules of FrameParser.h read the slow way, on the whole input.
 class Model {
 public:
-    Model(const uint8_t* data, size_t size) : p(reinterpret_cast<const char*>(data)), size(size), pos(0) {}
+    Model(const uint8_t* data, size_t size, Limits limits)
+        : p(reinterpret_cast<const char*>(data)), size(size), limits(limits), pos(0) {}
 
     Outcome run() {
         while (pos < size) {
@@ -83,8 +91,9 @@ public:
 private:
     enum Line { LINE, BAD, MORE };
 
-    // One line from pos: LINE (pos past its line feed), BAD (a NUL in it;
-    // pos past the NUL) or MORE (the input ends first).
+    // One line from pos: LINE (pos past its line feed), BAD (a NUL in it,
+    // or a byte past the line limit; pos past that byte) or MORE (the input
+    // ends first).
     Line line(std::string* text) {
         for (size_t i = pos; i < size; ++i) {
             if (p[i] == '\0') {
@@ -95,6 +104,10 @@ private:
                 text->assign(p + pos, i - pos);
                 pos = i + 1;
                 return LINE;
+            }
+            if (limits.line && i - pos == limits.line) {
+                pos = i + 1;
+                return BAD;
             }
         }
         return MORE;
@@ -148,6 +161,10 @@ private:
                 return true;
             }
             const size_t n = static_cast<size_t>(announced);
+            if (limits.body && n > limits.body) { // refused before any body byte
+                malformed();
+                return true;
+            }
             if (size - pos <= n) return false; // the body or its NUL is still to come
             const std::string body(p + pos, n);
             const bool ended = p[pos + n] == '\0';
@@ -158,9 +175,16 @@ private:
                 malformed();
             return true;
         }
-        const void* nul = std::memchr(p + pos, '\0', size - pos);
-        if (!nul) return false;
-        const size_t n = static_cast<size_t>(static_cast<const char*>(nul) - (p + pos));
+        size_t n = 0;
+        for (;; ++n) {
+            if (pos + n == size) return false; // the body goes on
+            if (p[pos + n] == '\0') break;
+            if (limits.body && n == limits.body) { // the byte past the body limit
+                pos += n + 1;
+                malformed();
+                return true;
+            }
+        }
         const std::string body(p + pos, n);
         pos += n + 1;
         complete(dump(command, headers, body.data(), body.size()));
@@ -169,6 +193,7 @@ private:
 
     const char* p;
     size_t size;
+    Limits limits;
     size_t pos;
     Outcome outcome;
 };
@@ -179,9 +204,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
     std::vector<size_t> pieces;
     for (size_t i = 0; i < 4 && i < size; ++i) pieces.push_back(1 + data[i] % 17);
-    const Outcome whole = run(data, size, std::vector<size_t>{size});
-    const Outcome split = run(data, size, pieces);
+    const Limits none{0, 0};
+    const Outcome whole = run(data, size, std::vector<size_t>{size}, none);
+    const Outcome split = run(data, size, pieces, none);
     FUZZ_CHECK(whole == split, "the same frames whether the input comes whole or in pieces");
-    FUZZ_CHECK(whole == Model(data, size).run(), "the frames that the rules in FrameParser.h give");
+    FUZZ_CHECK(whole == Model(data, size, none).run(), "the frames that the rules in FrameParser.h give");
+
+    // A line limit of 1 to 32 bytes and a body limit of 1 to 125, each
+    // none (0) in one case of eight.
+    const size_t line = size > 4 && data[4] % 8 ? 1 + data[4] / 8 : 0;
+    const size_t body = size > 5 && data[5] % 8 ? 1 + data[5] / 8 * 4 : 0;
+    const Limits limits{line, body};
+    const Outcome wholeLimited = run(data, size, std::vector<size_t>{size}, limits);
+    const Outcome splitLimited = run(data, size, pieces, limits);
+    FUZZ_CHECK(wholeLimited == splitLimited, "with limits, the same frames whether the input comes whole or in pieces");
+    FUZZ_CHECK(wholeLimited == Model(data, size, limits).run(), "with limits, the frames the rules give");
     return 0;
 }
