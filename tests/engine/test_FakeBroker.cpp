@@ -296,6 +296,43 @@ TEST(FakeBroker, DropAndResetCloseTheClientConnection) {
     EXPECT_EQ(ECONNRESET, errno);
 }
 
+TEST(FakeBroker, SendStreamWritesHeadFillAndTailInOrder) {
+    FakeBroker broker;
+    RawClient client(broker.port());
+    ASSERT_TRUE(broker.waitForConnections(1));
+    const size_t count = 3 * 1024 * 1024 + 5; // not a whole number of chunks
+    std::string got;
+    // The broker writes while this thread reads: the stream is larger than the socket buffers.
+    std::thread reader([&] { got = client.receive(2 + count + 2, 10000); });
+    size_t written = 0;
+    const bool done = broker.sendStream("AB", count, 'x', "CD", &written, 64 * 1024);
+    reader.join();
+    EXPECT_TRUE(done);
+    EXPECT_EQ(2 + count + 2, written);
+    ASSERT_EQ(2 + count + 2, got.size());
+    EXPECT_EQ("AB" + std::string(count, 'x') + "CD", got);
+    EXPECT_TRUE(client.quiet());
+}
+
+TEST(FakeBroker, SendStreamStopsWhenTheClientGoes) {
+    FakeBroker broker;
+    RawClient client(broker.port());
+    ASSERT_TRUE(broker.waitForConnections(1));
+    // The client reads nothing and closes once the stream has begun: unread
+    // data makes the close a reset, and the stream stops.
+    std::thread closer([&] {
+        client.quiet(5000); // returns as soon as bytes have come
+        client.close();
+    });
+    size_t written = 0;
+    const bool done = broker.sendStream("AB", 256 * 1024 * 1024, 'x', "CD", &written);
+    closer.join();
+    EXPECT_FALSE(done);
+    EXPECT_GT(written, 0u);
+    EXPECT_LT(written, 64u * 1024 * 1024) << "the socket buffers hold far less";
+    EXPECT_TRUE(broker.waitForClientClosed());
+}
+
 TEST(FakeBroker, NoticesTheClientClosing) {
     FakeBroker broker;
     EXPECT_TRUE(broker.waitForClientClosed(0));

@@ -23,6 +23,30 @@ inline long residentKiB() {
 /** Heap bytes in use in the main arena, in KiB. */
 inline long heapInUseKiB() { return static_cast<long>(mallinfo2().uordblks / 1024); }
 
+/**
+ * The most resident memory the process has had, in KiB: since it started,
+ * or since the last resetPeakResident(). -1 if it cannot be read.
+ */
+inline long peakResidentKiB() {
+    FILE* f = std::fopen("/proc/self/status", "r");
+    if (!f) return -1;
+    long peak = -1;
+    char line[256];
+    while (std::fgets(line, sizeof line, f)) {
+        if (std::sscanf(line, "VmHWM: %ld kB", &peak) == 1) break;
+    }
+    std::fclose(f);
+    return peak;
+}
+
+/** Starts the peak of peakResidentKiB() over from the memory resident now; false if the system refuses. */
+inline bool resetPeakResident() {
+    FILE* f = std::fopen("/proc/self/clear_refs", "w");
+    if (!f) return false;
+    const bool written = std::fputs("5", f) >= 0;
+    return std::fclose(f) == 0 && written;
+}
+
 } // namespace test
 } // namespace tavren
 
