@@ -68,6 +68,7 @@ TEST_F(Heartbeats, ASilentBrokerIsGivenUpWithinTwiceItsIntervalPlusAFifth) {
     const auto connected = Clock::now();
     ASSERT_TRUE(log.waitForPrefix(kLossPrefix, 1, 5000));
     const long long noticedAfter = msSince(connected);
+    ASSERT_TRUE(log.waitFor("ERROR: Disconnected!", 1, 5000));
     EXPECT_GE(noticedAfter, 1900); // measured from a little after the last byte came
     EXPECT_LE(noticedAfter, 2400);
     const std::vector<std::string> lines = log.lines();
