@@ -164,7 +164,9 @@ std::unique_ptr<TlsChannel> TlsChannel::open(int fd, const tavren::TlsOptions& o
     // A write may go out in parts, each retried from where it stopped; a
     // broker that closes without TLS's closing alert has simply closed.
     SSL_CTX_set_mode(s->context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+#ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
     SSL_CTX_set_options(s->context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+#endif
     SSL_CTX_set_default_passwd_cb(s->context, noPassphrase);
 
     if (options.verifyPeer) {
@@ -208,6 +210,8 @@ std::unique_ptr<TlsChannel> TlsChannel::open(int fd, const tavren::TlsOptions& o
     // An address is never sent as a server name, but verified as an address.
     if (!address) SSL_set_tlsext_host_name(s->ssl, name.c_str());
     if (options.verifyPeer) {
+        // "*.example.com" matches "a.example.com", but "b*.example.com" matches nothing.
+        SSL_set_hostflags(s->ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
         const int set = address ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(s->ssl), name.c_str())
                                 : SSL_set1_host(s->ssl, name.c_str());
         if (set != 1) {
