@@ -29,6 +29,11 @@ endif()
 # The C library and libstdc++ come from the cross compiler's own folder
 # (/usr/TRIPLET); everything else is looked up in the sysroot only.
 set(CMAKE_FIND_ROOT_PATH "${TAVREN_CROSS_SYSROOT}" "/usr/${TAVREN_CROSS_TRIPLET}")
+# Debian keeps the target's own headers of a library (OpenSSL's
+# opensslconf.h and configuration.h) in a folder named after the triplet,
+# which the cross compiler does not search in a sysroot of this kind.
+set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES "${TAVREN_CROSS_SYSROOT}/usr/include/${TAVREN_CROSS_TRIPLET}")
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${TAVREN_CROSS_SYSROOT}/usr/include/${TAVREN_CROSS_TRIPLET}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
