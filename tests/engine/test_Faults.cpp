@@ -3,6 +3,7 @@
 // says what happened, connects again, subscribes again, and holds no more
 // threads, descriptors or memory afterwards than before.
 
+#include "support/Elapsed.h"
 #include "support/EngineFixture.h"
 #include "support/Footprint.h"
 
@@ -16,12 +17,6 @@
 namespace tavren {
 namespace test {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-long long msSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
 
 // No public call may block longer than this, whatever the broker does.
 const long long kCallBoundMs = 30000;

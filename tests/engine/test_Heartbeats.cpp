@@ -4,6 +4,7 @@
 // broker that has sent nothing for twice its interval. Without the call the
 // figures only travel in CONNECT.
 
+#include "support/Elapsed.h"
 #include "support/EngineFixture.h"
 
 #include <chrono>
@@ -13,12 +14,6 @@
 namespace tavren {
 namespace test {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-long long msSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
 
 const char kLossPrefix[] = "ERROR: No data from the broker for ";
 

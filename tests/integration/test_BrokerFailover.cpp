@@ -41,6 +41,17 @@ protected:
         producer.closeConnection();
     }
 
+    /** The client's connection number connection stands on broker, with the listener subscribed, and text sent there
+     * arrives. */
+    void expectMovedTo(const RealBroker& broker, const std::string& queue, int connection, const std::string& text) {
+        ASSERT_TRUE(log.waitFor(tryingLine(broker), 1, 60000));
+        ASSERT_TRUE(log.waitFor("INFO: Connected.", connection, 60000));
+        ASSERT_TRUE(
+            log.waitFor("INFO: Subscribed to destination /queue/" + queue + " successfully.", connection, 30000));
+        sendThrough(broker, queue, text);
+        ASSERT_TRUE(listener.waitFinished(connection, 20000)) << listener.count();
+    }
+
     std::string tryingLine(const RealBroker& broker) const {
         return "INFO: Trying the broker 127.0.0.1:" + std::to_string(broker.port()) + ".";
     }
@@ -65,20 +76,11 @@ TEST_F(BrokerFailover, TheClientMovesToTheOtherBrokerAndBack) {
 
     // RabbitMQ goes: the client tries it once more, then moves on to ActiveMQ.
     ASSERT_TRUE(rabbitmq.stop());
-    ASSERT_TRUE(log.waitFor(tryingLine(activemq), 1, 60000));
-    ASSERT_TRUE(log.waitFor("INFO: Connected.", 2, 60000));
-    ASSERT_TRUE(log.waitFor("INFO: Subscribed to destination /queue/" + queue + " successfully.", 2, 30000));
-    sendThrough(activemq, queue, "through ActiveMQ");
-    ASSERT_TRUE(listener.waitFinished(2, 20000)) << listener.count();
-
+    expectMovedTo(activemq, queue, 2, "through ActiveMQ");
     // RabbitMQ is back and ActiveMQ goes: back to RabbitMQ.
     ASSERT_TRUE(rabbitmq.start());
     ASSERT_TRUE(activemq.stop());
-    ASSERT_TRUE(log.waitFor(tryingLine(rabbitmq), 2, 60000));
-    ASSERT_TRUE(log.waitFor("INFO: Connected.", 3, 60000));
-    ASSERT_TRUE(log.waitFor("INFO: Subscribed to destination /queue/" + queue + " successfully.", 3, 30000));
-    sendThrough(rabbitmq, queue, "back through RabbitMQ");
-    ASSERT_TRUE(listener.waitFinished(3, 20000)) << listener.count();
+    expectMovedTo(rabbitmq, queue, 3, "back through RabbitMQ");
     // texts() sorts: each message once, from whichever broker it went through.
     EXPECT_EQ(texts(listener.received()),
               (std::vector<std::string>{"back through RabbitMQ", "through ActiveMQ", "through RabbitMQ"}));

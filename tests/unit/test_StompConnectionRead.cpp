@@ -4,6 +4,7 @@
 
 #include "support/Bytes.h"
 #include "support/ConnectedPeer.h"
+#include "support/Elapsed.h"
 #include "support/LoopbackPeer.h"
 
 #include <gtest/gtest.h>
@@ -21,15 +22,11 @@ using tavren::HeaderMap;
 using tavren::internal::ServerFrame;
 using tavren::internal::StompConnection;
 using tavren::test::bytes;
+using tavren::test::Clock;
 using tavren::test::LoopbackPeer;
+using tavren::test::msSince;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-long long msSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
 
 class ConnectionRead : public tavren::test::ConnectedPeer {
 protected:
