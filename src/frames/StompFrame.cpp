@@ -4,13 +4,6 @@
 namespace tavren {
 namespace internal {
 
-namespace {
-
-const char kPasscodeHeader[] = "passcode";
-const char kHiddenValue[] = "(hidden)";
-
-} // namespace
-
 StompFrame::StompFrame() : body_(nullptr) {}
 
 StompFrame::~StompFrame() {}
@@ -19,13 +12,8 @@ std::ostream& operator<<(std::ostream& os, StompFrame const& frame) {
     os << "<<<<<<<<<<  FRAME >>>>>>>>>>" << std::endl;
     os << "Command: " << static_cast<const void*>(&frame.command()) << std::endl;
     os << "<<<<<<<<<<  HDRS >>>>>>>>>>" << std::endl;
-    for (HeaderMap::const_iterator it = frame.headers().begin(); it != frame.headers().end(); ++it) {
-        // A printed frame may end up in a log: a passcode never does.
-        if (it->first == kPasscodeHeader)
-            os << it->first << ":" << kHiddenValue << std::endl;
-        else
-            os << it->first << ":" << it->second << std::endl;
-    }
+    for (HeaderMap::const_iterator it = frame.headers().begin(); it != frame.headers().end(); ++it)
+        os << it->first << ":" << it->second << std::endl;
     os << "<<<<<<<<<<  END HDRS >>>>>>>>>>" << std::endl;
     os << "<<<<<<<<<<  BODY >>>>>>>>>>" << std::endl;
     if (frame.body())

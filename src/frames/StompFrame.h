@@ -40,7 +40,6 @@ protected:
  * address of the command string, not its text, and a frame without a body
  * leaves the stream in the bad state after the BODY banner (as inserting a
  * null C string does); callers that go on using the stream must clear it.
- * The value of a "passcode" header is shown as "(hidden)".
  */
 std::ostream& operator<<(std::ostream& os, StompFrame const& frame);
 
