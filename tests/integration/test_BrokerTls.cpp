@@ -154,8 +154,13 @@ TEST_P(BrokerTls, MutualTlsSendsReceivesAndAcknowledges) {
 
     // Acknowledged: a later subscriber over TLS gets only a fresh message
     // (ActiveMQ with 1.2 refuses the library's ACKs and hands them out again).
+    // ActiveMQ answers each refused ACK of 1.2 with an ERROR, which may come
+    // before the RECEIPT of a subscription to a queue that holds messages and
+    // be taken for its answer: there the later subscriber speaks 1.1, whose
+    // ACKs it takes.
     auto other = newTlsClient(laterLog, mutualTls());
-    ASSERT_TRUE(open(*other)) << allLines(laterLog);
+    other->openConnection(1000, kelvra::utility::Version(ackAccepted(GetParam()) ? version() : "1.1"));
+    ASSERT_TRUE(other->isConnected()) << allLines(laterLog);
     other->listenOnQueue(queue, &later);
     other->sendToQueue(queue, "fresh", nullptr);
     std::vector<std::string> expected{"fresh"};
