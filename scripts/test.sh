@@ -14,9 +14,11 @@ if [ $# -gt 0 ]; then flavours=("$@"); else flavours=(plain asan tsan); fi
 
 "$root/scripts/install-deps.sh"
 # The soak (label "soak") restarts the brokers for minutes: scripts/soak.sh runs it.
-ctest_filter=(-LE '^soak$')
+# Tests of the label "long" (executables test_<Name>Long) run for minutes:
+# only the plain build runs them.
+excluded=soak
 if [ "${TAVREN_SKIP_INTEGRATION:-0}" = 1 ]; then
-  ctest_filter=(-LE '^(integration|soak)$')
+  excluded='integration|soak'
 else
   source "$root/scripts/brokers/for-tests.sh"
   start_brokers rabbitmq activemq
@@ -25,10 +27,11 @@ fi
 status=0
 summary=()
 for flavour in "${flavours[@]}"; do
+  filter=(-LE "^($excluded)\$")
   case $flavour in
     plain) options=() ;;
-    asan) options=(-DTAVREN_ASAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) ;;
-    tsan) options=(-DTAVREN_TSAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) ;;
+    asan) options=(-DTAVREN_ASAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) filter=(-LE "^($excluded|long)\$") ;;
+    tsan) options=(-DTAVREN_TSAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) filter=(-LE "^($excluded|long)\$") ;;
     *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
   esac
   dir=$root/build-test-$flavour
@@ -39,7 +42,7 @@ for flavour in "${flavours[@]}"; do
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
   export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-  if (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout 120 "${ctest_filter[@]}"); then
+  if (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout 120 "${filter[@]}"); then
     summary+=("$flavour: all passed")
     continue
   fi
