@@ -7,6 +7,8 @@
 #include <tavren/HeaderMap.h>
 #include <tavren/Listener.h>
 #include <tavren/Logger.h>
+#include <tavren/OutboxException.h>
+#include <tavren/OutboxOptions.h>
 #include <tavren/TlsOptions.h>
 
 #include <cstddef>
@@ -370,6 +372,47 @@ public:
      * @throws std::logic_error when called after openConnection
      */
     void setFrameLimits(std::size_t maxLineBytes, std::size_t maxBodyBytes);
+
+    /**
+     * Keeps every message sendToQueue accepts until the broker confirms it,
+     * across outages, reconnects, failover and, with a file, crashes and
+     * power loss. sendToQueue then stores the message and returns at once,
+     * connected or not, and throws OutboxException when it cannot keep it
+     * (a full outbox that refuses new messages, a storage failure). A sender
+     * thread of the client writes the kept messages in the order accepted,
+     * each SEND with a "receipt", "persistent:true" (unless the application
+     * gave "persistent") and a "tavren-id" unique to the message and the
+     * same on every resend, so that a receiver can drop duplicates. A
+     * RECEIPT forgets its message. An ERROR answering one means the broker
+     * refused it: it is logged with its destination, tavren-id and the
+     * broker's "message" header, and never sent again. A message not
+     * confirmed within 10 s costs the connection, which is made again. Each
+     * new connection first sends again, in order, everything not confirmed.
+     * A file outbox that holds messages from an earlier run sends them first
+     * (logged with their number). closeConnection and the destructor leave
+     * unconfirmed messages in a file for the next run; in memory they are
+     * lost, and one error line says how many. docs/outbox.md says what is
+     * guaranteed and what each option costs.
+     *
+     * @param options where and how much to keep; copied
+     * @throws std::logic_error when called after openConnection, or for a
+     *         file in a library built without file outboxes
+     * @throws OutboxException when the file is used by another client or
+     *         cannot be made
+     */
+    void useOutbox(const OutboxOptions& options);
+
+    /** Messages kept and not yet confirmed by the broker; 0 without an outbox. */
+    std::size_t pendingMessages() const;
+
+    /**
+     * Waits until the broker has confirmed every kept message.
+     *
+     * @param timeoutMs the longest wait, in milliseconds
+     * @return true once pendingMessages() is 0 (at once without an outbox),
+     *         false when the time ran out first
+     */
+    bool waitForConfirmations(long timeoutMs);
 
 private:
     kelvra::UniquePtr<tavren::internal::StompClientImpl> impl;

@@ -9,6 +9,8 @@
 #include <tavren/Listener.h>
 #include <tavren/Logger.h>
 #include <tavren/Message.h>
+#include <tavren/OutboxException.h>
+#include <tavren/OutboxOptions.h>
 #include <tavren/StompClient.h>
 #include <tavren/SystemException.h>
 #include <tavren/TlsOptions.h>

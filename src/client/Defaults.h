@@ -76,6 +76,28 @@ const int kCloseGraceMs = 1000;
 // devices that lost the same broker does not come back in lock-step.
 const int kReconnectJitterPercent = 10;
 
+// An outbox writes at most this many messages, and this many bytes of
+// bodies, before the broker has confirmed them. A broker confirms a
+// persistent message only once it has stored it, in batches as its disk
+// allows: the window must hold more than a batch, or the client waits for
+// each one in turn. RabbitMQ and ActiveMQ keep up at 1,000 (see
+// docs/outbox.md for the measurement); the bytes bound keeps a window of
+// large messages from taking more than 1 MiB of memory on a device. After a
+// lost connection at most this much is sent twice.
+const size_t kOutboxWindowMessages = 1000;
+const size_t kOutboxWindowBytes = 1024 * 1024;
+
+// Messages an outbox reads from its store and writes in one go, at most.
+const size_t kOutboxBatchMessages = 256;
+
+// A message the broker has not confirmed this long after it was written
+// (milliseconds) costs the connection, which is made again; the message is
+// then sent again. A broker confirms within milliseconds, or within a second
+// under load; RabbitMQ answers a publish it drops with nothing at all, and a
+// peer that vanished answers nothing either. Ten seconds is the time a
+// subscription waits for its receipt too.
+const long kOutboxReceiptTimeoutMs = 10 * 1000;
+
 } // namespace internal
 } // namespace tavren
 

@@ -64,6 +64,12 @@ void StompClient::enableHeartbeats() { impl->enableHeartbeats(); }
 
 void StompClient::addFailoverBroker(std::string host, int port) { impl->addFailoverBroker(host, port); }
 
+void StompClient::useOutbox(const OutboxOptions& options) { impl->useOutbox(options); }
+
+std::size_t StompClient::pendingMessages() const { return impl->pendingMessages(); }
+
+bool StompClient::waitForConfirmations(long timeoutMs) { return impl->waitForConfirmations(timeoutMs); }
+
 void StompClient::setFrameLimits(std::size_t maxLineBytes, std::size_t maxBodyBytes) {
     impl->setFrameLimits(maxLineBytes, maxBodyBytes);
 }

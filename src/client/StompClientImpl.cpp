@@ -93,10 +93,15 @@ StompClientImpl::~StompClientImpl() {
             mutex->wait(retryDone);
         }
     }
+    // The outbox's sender may wait for the lock released above; with no
+    // connection left it writes nothing more and ends.
+    if (outbox) outbox->stop();
     // A listen thread that lost its own connection was detached; it may
     // still be on its way out of the engine, which it leaves once it gets
     // the lock released above.
     waitForListenThreads();
+    if (outbox) outbox->reportLeftBehind(true);
+    outbox.reset();
     // Deleted without the lock: a cancelled connector's retry that waits for
     // the lock gives up, and its deletion waits for that.
     for (Connector* c : retired) delete c;
@@ -168,6 +173,10 @@ void StompClientImpl::setupRobustConnection(int period, kelvra::utility::Version
     reconnectPeriod = period;
     version = v;
     virtualHost = vhost;
+    if (outbox) {
+        outbox->reportInherited();
+        outbox->start();
+    }
     EngineLock lock(*mutex);
     setupConnector(name);
 }
@@ -293,6 +302,7 @@ void StompClientImpl::eventConnect() {
         return;
     }
     listenThreadStarted = true;
+    if (outbox) outbox->connectionUp(listenGeneration);
     try {
         resumeAllListeners();
     } catch (std::exception& e) {
@@ -309,6 +319,7 @@ void StompClientImpl::eventDisconnect(bool error) {
         logInfo("Disconnected.");
     }
     listening = false;
+    if (outbox) outbox->connectionDown();
     abandonPendingResults();
     joinListenThread();
     session.clean();
@@ -363,6 +374,12 @@ void StompClientImpl::retryLeft() {
 }
 
 void StompClientImpl::sendMessage(std::string destination, const char* text, HeaderMap* additionalHeaders) {
+    // With an outbox the message is kept, and its sender writes it: no wait
+    // for the engine, which may be busy with the network.
+    if (outbox) {
+        outbox->keep(destination, text, additionalHeaders);
+        return;
+    }
     EngineLock lock(*mutex);
     if (!connection) return;
 
@@ -396,6 +413,9 @@ void StompClientImpl::closeConnection() {
     ++closing;
     ClosingLock lock(*mutex, [this] { lockBreakingStalls(); });
     eventDisconnect(false);
+    // Unconfirmed messages stay in a file for the next run; in memory they
+    // are gone, and one line says how many.
+    if (outbox) outbox->reportLeftBehind(true);
     // The session is always gone here, so no DISCONNECT goes out and the
     // socket stays as it is; this order is deliberate.
     if (session) {

@@ -10,6 +10,7 @@
 #include "frames/SendFrame.h"
 #include "frames/ServerFrame.h"
 #include "frames/Session.h"
+#include "outbox/Outbox.h"
 #include "transport/StompConnection.h"
 
 #include <kelvra/UniquePtr.h>
@@ -18,6 +19,7 @@
 #include <tavren/HeaderMap.h>
 #include <tavren/Listener.h>
 #include <tavren/Logger.h>
+#include <tavren/OutboxOptions.h>
 #include <tavren/TlsOptions.h>
 
 #include <pthread.h>
@@ -25,6 +27,7 @@
 #include <atomic>
 #include <chrono>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <utility>
@@ -74,6 +77,13 @@ public:
     void enableHeartbeats();
     void addFailoverBroker(std::string host, int port);
     void setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes);
+    void useOutbox(const tavren::OutboxOptions& options);
+
+    // The outbox: what it keeps, and waiting for the broker to confirm it.
+    std::size_t pendingMessages() const;
+    bool waitForConfirmations(long timeoutMs);
+    /** The outbox, for tests that bound its window; null without useOutbox. */
+    Outbox* outboxForTests() { return outbox.get(); }
 
     void setupRobustConnection(int reconnectPeriod, kelvra::utility::Version version, std::string clientName,
                                std::string virtualHost);
@@ -108,6 +118,7 @@ public:
 private:
     friend class Connector;
     class ListenLoop;
+    friend class EngineOutboxLink;
 
     void requireNotOpened(const char* call) const;
     /** The broker the next attempt connects to. */
@@ -191,6 +202,10 @@ private:
     std::atomic<bool> opened;
     bool heartbeatsEnabled; // watch and send the heart-beats agreed at connect
     Heartbeats agreed;      // this connection's; set before its listen thread starts
+    // What the application sends, kept until the broker confirms it; null
+    // without useOutbox. The bridge is how it writes on the connection.
+    std::unique_ptr<OutboxLink> outboxBridge;
+    std::unique_ptr<Outbox> outbox;
 };
 
 } // namespace internal

@@ -330,6 +330,14 @@ tavren::Listener* StompClientImpl::ListenLoop::listenerFor(const std::string& de
 
 void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {
     kelvra::SharedPtr<ServerFrame> frame(raw);
+    if (engine->outbox) {
+        // The answer to a message of the outbox is the outbox's business.
+        auto receipt = frame->headers().find("receipt-id");
+        if (receipt != frame->headers().end() && Outbox::ownsReceipt(receipt->second)) {
+            engine->outbox->answered(*frame, receipt->second);
+            return;
+        }
+    }
     auto& pending = engine->pendingResults;
     try {
         const std::string id = frame->headers().at("receipt-id");

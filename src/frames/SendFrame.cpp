@@ -31,5 +31,7 @@ void SendFrame::setAdditionalHeaders(HeaderMap* additionalHeaders) {
     }
 }
 
+void SendFrame::setHeader(const std::string& name, const std::string& value) { headers_[name] = value; }
+
 } // namespace internal
 } // namespace tavren

@@ -32,6 +32,9 @@ public:
      * replaces one. Null does nothing. The map is only read.
      */
     void setAdditionalHeaders(HeaderMap* additionalHeaders);
+
+    /** Sets one header, replacing any value it had. */
+    void setHeader(const std::string& name, const std::string& value);
 };
 
 } // namespace internal

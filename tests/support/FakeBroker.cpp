@@ -153,6 +153,16 @@ void FakeBroker::setUnsubscribeReply(ReceiptReply reply) {
     unsubscribeReply = reply;
 }
 
+void FakeBroker::setSendReply(ReceiptReply reply) {
+    std::lock_guard<std::mutex> lock(mutex);
+    sendReply = reply;
+}
+
+void FakeBroker::refuseSendWithBody(const std::string& refusedBody) {
+    std::lock_guard<std::mutex> lock(mutex);
+    refusedSendBody = refusedBody;
+}
+
 void FakeBroker::setReceiptError(const std::string& message, const std::string& body) {
     std::lock_guard<std::mutex> lock(mutex);
     receiptErrorMessage = message;
@@ -489,6 +499,7 @@ bool FakeBroker::parseFrame(size_t* pos, RecordedFrame* frame) const {
 void FakeBroker::handleFrame(RecordedFrame frame) {
     ReceiptReply subscribe;
     ReceiptReply unsubscribe;
+    ReceiptReply send;
     {
         std::lock_guard<std::mutex> lock(mutex);
         // The current client is always the latest accepted one.
@@ -496,6 +507,7 @@ void FakeBroker::handleFrame(RecordedFrame frame) {
         recorded.push_back(frame);
         subscribe = subscribeReply;
         unsubscribe = unsubscribeReply;
+        send = !refusedSendBody.empty() && frame.body == refusedSendBody ? ReceiptReply::Error : sendReply;
         changed.notify_all();
     }
     if (frame.command == "CONNECT" || frame.command == "STOMP") {
@@ -508,6 +520,8 @@ void FakeBroker::handleFrame(RecordedFrame frame) {
         if (!refuses(frame, unsubscribe)) forgetSubscription(headerOr(frame.headers, "id", ""));
         // Answered only once forgotten: a client that got the receipt finds the subscription gone.
         answerReceiptRequest(frame, unsubscribe);
+    } else if (frame.command == "SEND") {
+        answerReceiptRequest(frame, send);
     }
 }
 

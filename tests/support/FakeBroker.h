@@ -63,6 +63,13 @@ public:
     /** How a SUBSCRIBE / UNSUBSCRIBE that asks for a receipt is answered. */
     void setSubscribeReply(ReceiptReply reply);
     void setUnsubscribeReply(ReceiptReply reply);
+    /**
+     * How a SEND that asks for a receipt is answered: Receipt by default. A
+     * SEND whose body is refusedBody (when not empty) is answered with an
+     * ERROR carrying its receipt-id instead.
+     */
+    void setSendReply(ReceiptReply reply);
+    void refuseSendWithBody(const std::string& refusedBody);
     /** The message header and body of the ERROR answering a receipt request. */
     void setReceiptError(const std::string& message, const std::string& body);
 
@@ -190,6 +197,8 @@ private:
     bool resetAfterConnected;
     ReceiptReply subscribeReply;
     ReceiptReply unsubscribeReply;
+    ReceiptReply sendReply = ReceiptReply::Receipt;
+    std::string refusedSendBody;
     std::string receiptErrorMessage;
     std::string receiptErrorBody;
 
