@@ -19,20 +19,12 @@ const int kReconnectPeriodMs = 500;
 // The library logs a broker's RECEIPT or ERROR that no call of its own waits
 // for as one error line that holds the frame's headers; a SEND's receipt is
 // one of those.
-const char* const kStrayResultLead = "We received a result frame";
+const char* const kRefusedLead = "The broker refused the message ";
+const char* const kRefusedTail = ". It is not sent again.";
 const char* const kFirstTryLead = "Failed to connect on first try, ";
 const char* const kRetryLead = "Reconnect failed with: ";
 
 bool startsWith(const std::string& text, const std::string& lead) { return text.compare(0, lead.size(), lead) == 0; }
-
-// The value of header name in a logged frame dump ("name:value" lines), or "".
-std::string headerInDump(const std::string& dump, const std::string& name) {
-    const std::string key = "\n" + name + ":";
-    const size_t at = dump.find(key);
-    if (at == std::string::npos) return "";
-    const size_t from = at + key.size();
-    return dump.substr(from, dump.find('\n', from) - from);
-}
 
 // One line for the terminal: the library's lines may hold a broker's
 // multi-line text.
@@ -199,30 +191,22 @@ void ToolLogger::logInfo(const std::string& message) {
 }
 
 void ToolLogger::logError(const std::string& message) {
-    std::unique_lock<std::mutex> lock(mutex);
-    if (!receiptId.empty() && startsWith(message, kStrayResultLead) &&
-        headerInDump(message, "receipt-id") == receiptId) {
-        // Our own receipt: an ERROR carries a "message" header, a RECEIPT does not.
-        const std::string refusal = headerInDump(message, "message");
-        receipt = refusal.empty() ? Receipt::Confirmed : Receipt::Refused;
-        receiptDetail = refusal;
-        const std::string id = receiptId;
-        lock.unlock();
-        changed.notify_all();
-        // The library's dump of the frame is long; the operator needs only the outcome.
-        if (verbose && refusal.empty()) std::fprintf(stderr, "[tavren] RECEIPT %s\n", id.c_str());
-        if (verbose && !refusal.empty())
-            std::fprintf(stderr, "[tavren] ERROR for %s: %s\n", id.c_str(), refusal.c_str());
-        return;
-    }
-    lock.unlock();
     if (verbose) std::fprintf(stderr, "[tavren] ERROR %s\n", message.c_str());
     note(message);
-    std::lock_guard<std::mutex> relock(mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     last = oneLine(message);
     if (startsWith(last, kFirstTryLead)) last.erase(0, std::string(kFirstTryLead).size());
     if (startsWith(last, kRetryLead)) last.erase(0, std::string(kRetryLead).size());
     if (message == "Disconnected!") ++lost;
+    // "The broker refused the message ID to DESTINATION: REASON. It is not sent again."
+    if (refused.empty() && startsWith(message, kRefusedLead)) {
+        const size_t from = message.find(": ");
+        const size_t to = message.rfind(kRefusedTail);
+        if (from != std::string::npos && to != std::string::npos && to >= from + 2) {
+            refused = message.substr(from + 2, to - from - 2);
+        }
+        if (refused.empty()) refused = "(no reason given)";
+    }
     changed.notify_all();
 }
 
@@ -248,45 +232,65 @@ int ToolLogger::disconnections() const {
     return lost;
 }
 
-void ToolLogger::expectReceipt(const std::string& id) {
+std::string ToolLogger::refusal() const {
     std::lock_guard<std::mutex> lock(mutex);
-    receiptId = id;
-    receipt = Receipt::Waiting;
-    receiptDetail.clear();
+    return refused;
 }
 
-ToolLogger::Receipt ToolLogger::waitForReceipt(double seconds, std::string* detail) {
-    std::unique_lock<std::mutex> lock(mutex);
-    const int lostBefore = lost;
-    changed.wait_for(lock, std::chrono::duration<double>(seconds),
-                     [&] { return receipt != Receipt::Waiting || lost != lostBefore; });
-    if (detail) *detail = receiptDetail;
-    return receipt;
-}
-
-std::unique_ptr<tavren::StompClient> connectOrGiveUp(const ConnectionOptions& options, ToolLogger& logger,
-                                                     const char* tool) {
+OpenedClient::OpenedClient(const ConnectionOptions& o, ToolLogger& l, const tavren::OutboxOptions* outbox)
+    : options(o), logger(l) {
     std::pair<std::string, std::string> heartbeat = options.heartbeat;
-    std::unique_ptr<tavren::StompClient> client(
-        options.credentials
-            ? new tavren::StompClient(options.host, options.port, options.login, options.passcode, &logger, &heartbeat)
-            : new tavren::StompClient(options.host, options.port, &logger, &heartbeat));
-    if (options.tls) client->useTls(options.tlsFiles);
-    try {
-        client->openConnection(kReconnectPeriodMs, kelvra::utility::Version(options.protocol));
-    } catch (std::exception& e) {
-        // A CONNECTED frame without the headers the library needs.
-        std::fprintf(stderr, "%s: cannot connect to %s:%d: %s\n", tool, options.host.c_str(), options.port, e.what());
-        return nullptr;
+    stompClient.reset(options.credentials ? new tavren::StompClient(options.host, options.port, options.login,
+                                                                    options.passcode, &logger, &heartbeat)
+                                          : new tavren::StompClient(options.host, options.port, &logger, &heartbeat));
+    if (options.tls) stompClient->useTls(options.tlsFiles);
+    if (outbox) stompClient->useOutbox(*outbox);
+    opener = std::thread([this] {
+        try {
+            stompClient->openConnection(kReconnectPeriodMs, kelvra::utility::Version(options.protocol));
+        } catch (std::exception& e) {
+            // A CONNECTED frame without the headers the library needs.
+            std::lock_guard<std::mutex> lock(failureMutex);
+            openFailure = e.what();
+        }
+        openReturned = true;
+    });
+}
+
+OpenedClient::~OpenedClient() {
+    if (opener.joinable()) opener.join();
+}
+
+bool OpenedClient::waitConnected(const char* tool) {
+    // The first attempt runs on the opener's thread: its TCP connect, TLS
+    // handshake and wait for CONNECTED all count against the time-out.
+    waitUntil([&] { return stompClient->isConnected() || !openFailureText().empty(); }, options.connectTimeout);
+    if (stompClient->isConnected()) return true;
+    std::string why = openFailureText();
+    if (!why.empty()) {
+        std::fprintf(stderr, "%s: cannot connect to %s:%d: %s\n", tool, options.host.c_str(), options.port,
+                     why.c_str());
+        return false;
     }
-    if (!waitUntil([&] { return client->isConnected(); }, options.connectTimeout)) {
-        std::string why = logger.lastError();
-        if (why.empty()) why = "no answer";
-        std::fprintf(stderr, "%s: cannot connect to %s:%d within %g s: %s\n", tool, options.host.c_str(), options.port,
-                     options.connectTimeout, why.c_str());
-        return nullptr;
-    }
-    return client;
+    why = logger.lastError();
+    if (why.empty()) why = "no answer";
+    std::fprintf(stderr, "%s: cannot connect to %s:%d within %g s: %s\n", tool, options.host.c_str(), options.port,
+                 options.connectTimeout, why.c_str());
+    return false;
+}
+
+std::string OpenedClient::openFailureText() {
+    std::lock_guard<std::mutex> lock(failureMutex);
+    return openFailure;
+}
+
+void OpenedClient::exitWith(int status) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    if (!openReturned) std::_Exit(status);
+    opener.join();
+    stompClient.reset();
+    std::exit(status);
 }
 
 } // namespace tavren_tools

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -29,7 +30,8 @@ enum ExitCode {
     kExitUsage = 2,         // wrong arguments, unreadable input
     kExitCannotConnect = 3, // no session within the connect time-out
     kExitTimedOut = 4,      // tavren-listen: fewer than -n messages before -t or an interrupt
-    kExitSendFailed = 5     // tavren-send: connection lost, message refused or not confirmed
+    kExitSendFailed = 5,    // tavren-send: connection lost, message refused or not confirmed
+    kExitKept = 6           // tavren-send --outbox: not all confirmed, the rest kept for the next run
 };
 
 /** A wrong argument; main prints what() with the usage hint and exits with kExitUsage. */
@@ -124,15 +126,8 @@ public:
     /** How often the library logged "Disconnected!" (a connection lost, not closed). */
     int disconnections() const;
 
-    /** The outcome of a SEND that asked for a receipt. */
-    enum class Receipt { Waiting, Confirmed, Refused };
-    /** Watch for the broker's answer to the frame with "receipt: id". */
-    void expectReceipt(const std::string& id);
-    /**
-     * Waits up to seconds for the answer, or until the connection is lost;
-     * Refused carries the broker's error in *detail.
-     */
-    Receipt waitForReceipt(double seconds, std::string* detail);
+    /** The broker's reason for the first message it refused (the library logs each), empty if none. */
+    std::string refusal() const;
 
 private:
     void note(const std::string& line);
@@ -144,18 +139,42 @@ private:
     std::vector<std::string> lines;
     std::string last;
     int lost = 0;
-    std::string receiptId;
-    Receipt receipt = Receipt::Waiting;
-    std::string receiptDetail;
+    std::string refused;
 };
 
-/**
- * Opens a connection and waits up to options.connectTimeout for it to stand.
- * On failure prints why to standard error and returns nullptr (the client
- * and its background retries are gone by then).
- */
-std::unique_ptr<tavren::StompClient> connectOrGiveUp(const ConnectionOptions& options, ToolLogger& logger,
-                                                     const char* tool);
+/** A client whose first connection attempt runs on a thread of its own, so that waiting for it is bounded. */
+class OpenedClient {
+public:
+    OpenedClient(const ConnectionOptions& options, ToolLogger& logger, const tavren::OutboxOptions* outbox);
+    ~OpenedClient();
+    OpenedClient(const OpenedClient&) = delete;
+    OpenedClient& operator=(const OpenedClient&) = delete;
+
+    tavren::StompClient& client() { return *stompClient; }
+    /**
+     * Waits up to options.connectTimeout, the first attempt (TCP, TLS
+     * handshake and CONNECTED) included, for the connection to stand. On
+     * failure prints why to standard error and returns false.
+     */
+    bool waitConnected(const char* tool);
+    /**
+     * Ends the process with status. When the first attempt is still under
+     * way (a broker that accepts and never answers), the client cannot be
+     * closed before it ends: the process then ends without waiting for it.
+     */
+    [[noreturn]] void exitWith(int status);
+
+private:
+    const ConnectionOptions& options;
+    ToolLogger& logger;
+    std::unique_ptr<tavren::StompClient> stompClient;
+    std::thread opener;
+    std::string openFailureText();
+
+    std::atomic<bool> openReturned{false};
+    std::mutex failureMutex;
+    std::string openFailure; // what openConnection threw, if it did
+};
 
 /** Polls done() every 20 ms for up to seconds (forever when seconds < 0); returns done(). */
 template <typename Done>

@@ -155,8 +155,9 @@ int run(const ListenOptions& options) {
 
     ToolLogger logger(kTool, options.connection.verbose);
     Printer printer(options);
-    std::unique_ptr<tavren::StompClient> client = connectOrGiveUp(options.connection, logger, kTool);
-    if (!client) return kExitCannotConnect;
+    OpenedClient opened(options.connection, logger, nullptr);
+    if (!opened.waitConnected(kTool)) opened.exitWith(kExitCannotConnect);
+    tavren::StompClient* client = &opened.client();
     client->setMaxWorkers(1);
 
     client->listenOnQueue(options.queue, &printer);
@@ -178,7 +179,6 @@ int run(const ListenOptions& options) {
     if (printer.count() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(kAckSettleMs));
     client->closeConnection();
     printer.release();
-    client.reset();
     return status;
 }
 

@@ -29,23 +29,29 @@ struct SendOptions {
     bool hasText = false;
     std::string file;
     tavren::HeaderMap headers;
-    double timeout = 10; // seconds to wait for the broker's receipt
+    double timeout = 10; // seconds to wait for the broker's receipts
+    std::string outbox;  // --outbox FILE: what is not confirmed is kept there for the next run
 };
 
 void printHelp() {
     std::printf("Usage: tavren-send [OPTIONS] QUEUE [TEXT]\n"
                 "Sends TEXT to the queue QUEUE (destination /queue/QUEUE) of a STOMP broker;\n"
                 "without TEXT, the content of -f FILE as one message, or else each line of\n"
-                "standard input as a message of its own. Waits for the broker's receipt.\n"
+                "standard input as a message of its own. Waits until the broker has\n"
+                "confirmed every message; a lost connection is made again and what it did\n"
+                "not confirm is sent again.\n"
                 "\n"
                 "Message:\n"
                 "  -f, --file FILE              send the content of FILE as one message\n"
                 "  -H, --header NAME:VALUE      add a header to every message (repeatable)\n"
-                "  -t, --timeout SECS           wait SECS for the broker's receipt (default 10)\n"
+                "  -t, --timeout SECS           wait SECS for the broker's receipts (default 10)\n"
+                "      --outbox FILE            keep the messages in FILE until confirmed; what is\n"
+                "                               not confirmed in time is sent by the next run\n"
                 "\n%s"
                 "\n"
                 "Exit status: 0 sent and confirmed, 2 wrong arguments or unreadable input,\n"
                 "3 cannot connect, 5 connection lost, message refused or not confirmed in time,\n"
+                "6 with --outbox: not all confirmed in time, the rest kept in FILE,\n"
                 "1 any other failure.\n",
                 commonOptionsHelp());
 }
@@ -58,6 +64,7 @@ SendOptions parse(int argc, char** argv) {
         {"file", required_argument, nullptr, 'f'},
         {"header", required_argument, nullptr, 'H'},
         {"timeout", required_argument, nullptr, 't'},
+        {"outbox", required_argument, nullptr, 'o'},
     });
     opterr = 0; // our own messages
     int id;
@@ -75,6 +82,10 @@ SendOptions parse(int argc, char** argv) {
             break;
         }
         case 't': options.timeout = parseSeconds(optarg, "--timeout"); break;
+        case 'o':
+            if (*optarg == '\0') throw UsageError("--outbox needs a FILE");
+            options.outbox = optarg;
+            break;
         default: applyOtherOption(id, argv, &printHelp, &options.connection);
         }
     }
@@ -103,47 +114,40 @@ std::string readFile(const std::string& path) {
     return text;
 }
 
-// Sends the messages one by one; each asks for a receipt, and the broker
-// answers them in order, so the receipt of the last one confirms them all.
+// Hands the messages to the client's outbox, which keeps each until the
+// broker confirms it and sends again what a lost connection took.
 class Sender {
 public:
     Sender(tavren::StompClient& client, ToolLogger& logger, const SendOptions& options)
-        : client(client),
-          logger(logger),
-          options(options),
-          prefix(kTool + std::string("-") + std::to_string(getpid()) + "-") {}
+        : client(client), logger(logger), options(options) {}
 
-    // False once the connection went (the library logged "Disconnected!").
-    bool send(const std::string& text) {
+    void send(const std::string& text) {
         tavren::HeaderMap headers = options.headers;
-        const std::string receipt = prefix + std::to_string(++sent);
-        headers["receipt"] = receipt;
-        logger.expectReceipt(receipt);
         client.sendToQueue(options.queue, text.c_str(), &headers);
-        return logger.disconnections() == 0;
+        ++sent;
     }
 
     int confirm() {
-        if (sent == 0) return kExitOk;
-        std::string detail;
-        const ToolLogger::Receipt answer = logger.waitForReceipt(options.timeout, &detail);
-        // A broker that refuses a message usually closes the connection too.
-        if (answer == ToolLogger::Receipt::Refused) {
-            std::fprintf(stderr, "%s: the broker refused the message: %s\n", kTool, detail.c_str());
+        const bool all = client.waitForConfirmations(static_cast<long>(options.timeout * 1000));
+        const std::string refusal = logger.refusal();
+        if (!refusal.empty()) {
+            std::fprintf(stderr, "%s: the broker refused the message: %s\n", kTool, refusal.c_str());
             return kExitSendFailed;
         }
-        if (logger.disconnections() > 0) return lost();
-        if (answer == ToolLogger::Receipt::Waiting) {
-            std::fprintf(stderr, "%s: the broker did not confirm %d message%s within %g s\n", kTool, sent,
-                         sent == 1 ? "" : "s", options.timeout);
+        if (all) return kExitOk;
+        const size_t left = client.pendingMessages();
+        if (!options.outbox.empty()) {
+            std::fprintf(stderr, "%s: %zu of %d message%s not confirmed within %g s; kept in %s for the next run\n",
+                         kTool, left, sent, sent == 1 ? "" : "s", options.timeout, options.outbox.c_str());
+            return kExitKept;
+        }
+        if (logger.disconnections() > 0) {
+            std::fprintf(stderr, "%s: the connection was lost while sending message %d: %s\n", kTool, sent,
+                         logger.lastError().c_str());
             return kExitSendFailed;
         }
-        return kExitOk;
-    }
-
-    int lost() const {
-        std::fprintf(stderr, "%s: the connection was lost while sending message %d: %s\n", kTool, sent,
-                     logger.lastError().c_str());
+        std::fprintf(stderr, "%s: the broker did not confirm %zu message%s within %g s\n", kTool, left,
+                     left == 1 ? "" : "s", options.timeout);
         return kExitSendFailed;
     }
 
@@ -151,7 +155,6 @@ private:
     tavren::StompClient& client;
     ToolLogger& logger;
     const SendOptions& options;
-    const std::string prefix;
     int sent = 0;
 };
 
@@ -161,13 +164,17 @@ int run(const SendOptions& options) {
     if (!options.file.empty()) fileText = readFile(options.file);
 
     ToolLogger logger(kTool, options.connection.verbose);
-    std::unique_ptr<tavren::StompClient> client = connectOrGiveUp(options.connection, logger, kTool);
-    if (!client) return kExitCannotConnect;
+    tavren::OutboxOptions outbox;
+    outbox.file = options.outbox;
+    OpenedClient opened(options.connection, logger, &outbox);
+    // With a file the messages are kept even when no broker answers: the
+    // next run sends them.
+    if (!opened.waitConnected(kTool) && options.outbox.empty()) opened.exitWith(kExitCannotConnect);
 
-    Sender sender(*client, logger, options);
+    Sender sender(opened.client(), logger, options);
     int status = kExitOk;
     if (options.hasText || !options.file.empty()) {
-        if (!sender.send(options.hasText ? options.text : fileText)) status = sender.lost();
+        sender.send(options.hasText ? options.text : fileText);
     } else {
         std::string line;
         while (std::getline(std::cin, line)) {
@@ -177,20 +184,15 @@ int run(const SendOptions& options) {
                 status = kExitUsage;
                 break;
             }
-            if (!sender.send(line)) {
-                status = sender.lost();
-                break;
-            }
+            sender.send(line);
         }
     }
     // Even after a bad line, what went out is confirmed, so the operator
     // knows whether the lines before it arrived.
-    if (status != kExitSendFailed) {
-        const int confirmed = sender.confirm();
-        if (status == kExitOk) status = confirmed;
-    }
-    client->closeConnection();
-    return status;
+    const int confirmed = sender.confirm();
+    if (status == kExitOk) status = confirmed;
+    opened.client().closeConnection();
+    opened.exitWith(status);
 }
 
 } // namespace

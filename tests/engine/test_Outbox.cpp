@@ -24,6 +24,8 @@ using tavren::test::RecordedFrame;
 
 class Outbox : public EngineTest {
 protected:
+    Outbox() { broker.setSendReply(FakeBroker::ReceiptReply::Receipt); }
+
     tavren::StompClient& clientWithOutbox(const OutboxOptions& options = OutboxOptions()) {
         makeClient();
         client->useOutbox(options);

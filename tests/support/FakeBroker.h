@@ -64,7 +64,7 @@ public:
     void setSubscribeReply(ReceiptReply reply);
     void setUnsubscribeReply(ReceiptReply reply);
     /**
-     * How a SEND that asks for a receipt is answered: Receipt by default. A
+     * How a SEND that asks for a receipt is answered: Silence by default. A
      * SEND whose body is refusedBody (when not empty) is answered with an
      * ERROR carrying its receipt-id instead.
      */
@@ -197,7 +197,7 @@ private:
     bool resetAfterConnected;
     ReceiptReply subscribeReply;
     ReceiptReply unsubscribeReply;
-    ReceiptReply sendReply = ReceiptReply::Receipt;
+    ReceiptReply sendReply = ReceiptReply::Silence;
     std::string refusedSendBody;
     std::string receiptErrorMessage;
     std::string receiptErrorBody;

@@ -40,13 +40,13 @@ protected:
     }
 
     /** Waits for the count-th SEND and answers the receipt it asks for. */
+    /** Waits for count SEND frames and answers each with its RECEIPT; returns the last. */
     RecordedFrame confirmSend(size_t count) {
         EXPECT_TRUE(broker.waitForFrames("SEND", count, 10000));
         const std::vector<RecordedFrame> sends = broker.framesWithCommand("SEND");
         if (sends.size() < count) return RecordedFrame();
-        const RecordedFrame last = sends[count - 1];
-        EXPECT_TRUE(broker.sendRaw(receiptFrame(header(last, "receipt"))));
-        return last;
+        for (size_t i = 0; i < count; ++i) EXPECT_TRUE(broker.sendRaw(receiptFrame(header(sends[i], "receipt"))));
+        return sends[count - 1];
     }
 
     /** Frames of command, each as "header=value" of name. */
@@ -131,7 +131,9 @@ TEST_F(Tools, SendSendsTheTextWithItsHeadersAndWaitsForTheReceipt) {
     EXPECT_EQ("10", header(send, "content-length"));
     EXPECT_EQ("1", header(send, "x-a"));
     EXPECT_EQ("two:parts", header(send, "x-b"));
-    EXPECT_EQ(0u, header(send, "receipt").find("tavren-send-")) << header(send, "receipt");
+    EXPECT_EQ("outbox/1", header(send, "receipt"));
+    EXPECT_EQ("true", header(send, "persistent"));
+    EXPECT_EQ(38u, header(send, "tavren-id").size()) << header(send, "tavren-id");
     EXPECT_EQ("two apples", send.body);
     EXPECT_EQ(1u, broker.framesWithCommand("SEND").size());
 }
@@ -182,7 +184,7 @@ TEST_F(Tools, SendFailsWithFiveWhenTheBrokerRefusesTheMessage) {
 }
 
 TEST_F(Tools, SendFailsWithFiveWhenTheConnectionIsLost) {
-    auto run = startTool(kSend, at({"q", "hello"}));
+    auto run = startTool(kSend, at({"-t", "1", "q", "hello"}));
     ASSERT_TRUE(broker.waitForFrames("SEND", 1, 10000));
     broker.refuseConnections();
     broker.dropConnection();
@@ -208,7 +210,51 @@ TEST_F(Tools, SendPrintsTheLibrarysLogOnStandardErrorWithVerbose) {
     EXPECT_EQ(0, r.status);
     EXPECT_EQ("", r.out);
     EXPECT_NE(std::string::npos, r.err.find("[tavren] Attempting to connect...\n[tavren] Connected.\n")) << r.err;
-    EXPECT_NE(std::string::npos, r.err.find("[tavren] RECEIPT tavren-send-")) << r.err;
+}
+
+TEST_F(Tools, SendSendsAgainWhatALostConnectionDidNotConfirm) {
+    auto run = startTool(kSend, at({"q", "hello"}));
+    ASSERT_TRUE(broker.waitForFrames("SEND", 1, 10000));
+    broker.dropConnection();
+    ASSERT_TRUE(broker.waitForFrames("SEND", 2, 10000));
+    const std::vector<RecordedFrame> sends = broker.framesWithCommand("SEND");
+    EXPECT_EQ(header(sends[0], "tavren-id"), header(sends[1], "tavren-id"));
+    EXPECT_TRUE(broker.sendRaw(receiptFrame(header(sends[1], "receipt"))));
+    ToolResult r = run.get();
+    EXPECT_EQ(0, r.status) << r.err;
+}
+
+TEST_F(Tools, SendKeepsWhatItCouldNotDeliverInItsOutboxForTheNextRun) {
+    const std::string file = ::testing::TempDir() + "tavren-send-outbox.db";
+    std::remove(file.c_str());
+    const int port = closedPort();
+    ToolResult first = runTool(kSend, {"--port", std::to_string(port), "--connect-timeout", "0.5", "-t", "0.5",
+                                       "--outbox", file, "q", "first"});
+    EXPECT_EQ(6, first.status) << first.err;
+    EXPECT_NE(std::string::npos, first.err.find("tavren-send: 1 of 1 message not confirmed within 0.5 s; kept in " +
+                                                file + " for the next run\n"))
+        << first.err;
+
+    auto run = startTool(kSend, at({"--outbox", file, "q", "second"}));
+    confirmSend(2);
+    ToolResult second = run.get();
+    EXPECT_EQ(0, second.status) << second.err;
+    std::vector<std::string> bodies;
+    for (const RecordedFrame& f : broker.framesWithCommand("SEND")) bodies.push_back(f.body);
+    EXPECT_EQ(std::vector<std::string>({"first", "second"}), bodies);
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((file + suffix).c_str());
+}
+
+TEST_F(Tools, TheConnectTimeoutBoundsTheWholeFirstAttempt) {
+    // A broker that takes the connection and never answers CONNECT.
+    broker.setConnectReply(FakeBroker::ConnectReply::Silence);
+    ToolResult r = runTool(kSend, at({"--connect-timeout", "1", "q", "hello"}));
+    EXPECT_EQ(3, r.status) << r.err;
+    EXPECT_EQ(0u, r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.port()) +
+                             " within 1 s: "))
+        << r.err;
+    // The library's own wait for CONNECTED is 3 s; the tool gives up before it.
+    EXPECT_LT(r.seconds, 2.5);
 }
 
 // --- tavren-listen ------------------------------------------------------
