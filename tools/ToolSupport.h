@@ -11,9 +11,9 @@
 
 #include <getopt.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <stdexcept>

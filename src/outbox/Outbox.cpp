@@ -172,7 +172,8 @@ void Outbox::reportLeftBehind(bool forget) {
         link->logInfo(std::to_string(left) + " unconfirmed messages stay in the outbox file for the next run.");
         return;
     }
-    link->logError(std::to_string(left) + " messages in the memory outbox were never confirmed by the broker and are lost.");
+    link->logError(std::to_string(left) +
+                   " messages in the memory outbox were never confirmed by the broker and are lost.");
     if (!forget) return;
     std::vector<OutboxEntry> all;
     store->readAfter(0, count, &all);
@@ -191,8 +192,7 @@ void Outbox::reportInherited() {
     std::lock_guard<std::mutex> lock(mutex);
     const std::size_t count = store->count();
     if (count == 0 || !store->durable()) return;
-    link->logInfo("The outbox holds " + std::to_string(count) +
-                  " messages from an earlier run: they are sent first.");
+    link->logInfo("The outbox holds " + std::to_string(count) + " messages from an earlier run: they are sent first.");
 }
 
 void Outbox::setWindow(std::size_t messages, std::size_t bytes) {
@@ -312,8 +312,8 @@ bool Outbox::sendBatch(std::unique_lock<std::mutex>& lock) {
 
 std::string Outbox::overdue(std::chrono::steady_clock::time_point now) const {
     const InFlight& oldest = inFlight.begin()->second;
-    const long waited = static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(now - oldest.writtenAt).count());
+    const long waited =
+        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(now - oldest.writtenAt).count());
     if (waited < receiptTimeoutMs) return "";
     return "The broker did not confirm the message " + oldest.tavrenId + " to " + oldest.destination + " within " +
            std::to_string(receiptTimeoutMs) + " ms: the connection is taken as lost.";

@@ -115,9 +115,9 @@ private:
     pthread_t thread;
 
     bool connected;
-    unsigned generation;      // of the connection that stands, when connected
-    unsigned sentGeneration;  // the connection inFlight and cursor belong to
-    std::uint64_t cursor;     // the highest sequence written on sentGeneration
+    unsigned generation;     // of the connection that stands, when connected
+    unsigned sentGeneration; // the connection inFlight and cursor belong to
+    std::uint64_t cursor;    // the highest sequence written on sentGeneration
     std::map<std::uint64_t, InFlight> inFlight;
     std::size_t inFlightBytes;
     std::vector<std::uint64_t> answeredSequences; // confirmed or refused, not yet forgotten by the store

@@ -276,7 +276,8 @@ TEST_F(Outbox, ManyThreadsSendingKeepEachThreadsOrder) {
     std::vector<std::thread> senders;
     for (int t = 0; t < 4; ++t) {
         senders.emplace_back([this, t] {
-            for (int i = 0; i < 500; ++i) client->sendToQueue("q", (std::to_string(t) + ":" + std::to_string(i)).c_str(), nullptr);
+            for (int i = 0; i < 500; ++i)
+                client->sendToQueue("q", (std::to_string(t) + ":" + std::to_string(i)).c_str(), nullptr);
         });
     }
     for (std::thread& s : senders) s.join();

@@ -250,8 +250,8 @@ TEST_F(Tools, TheConnectTimeoutBoundsTheWholeFirstAttempt) {
     broker.setConnectReply(FakeBroker::ConnectReply::Silence);
     ToolResult r = runTool(kSend, at({"--connect-timeout", "1", "q", "hello"}));
     EXPECT_EQ(3, r.status) << r.err;
-    EXPECT_EQ(0u, r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.port()) +
-                             " within 1 s: "))
+    EXPECT_EQ(0u,
+              r.err.find("tavren-send: cannot connect to 127.0.0.1:" + std::to_string(broker.port()) + " within 1 s: "))
         << r.err;
     // The library's own wait for CONNECTED is 3 s; the tool gives up before it.
     EXPECT_LT(r.seconds, 2.5);
