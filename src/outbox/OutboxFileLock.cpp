@@ -35,13 +35,18 @@ OutboxFileLock::OutboxFileLock(const std::string& path) {
     std::lock_guard<std::mutex> guard(registryLock);
     struct stat st;
     if (::stat(path.c_str(), &st) == 0 && lockedFiles().count(FileId(st.st_dev, st.st_ino))) throw usedByAnother(path);
+    bool writable = true;
     fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0 && (errno == EACCES || errno == EROFS)) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 && (errno == EACCES || errno == EROFS)) {
+        // A file that cannot be written is still opened, to send what it keeps; adding to it fails.
+        writable = false;
+        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    }
     if (fd < 0) {
         throw OutboxException("The outbox file " + path + " cannot be opened (" + std::strerror(errno) + ").");
     }
     struct flock range = {};
-    range.l_type = F_WRLCK;
+    range.l_type = writable ? F_WRLCK : F_RDLCK;
     range.l_whence = SEEK_SET;
     range.l_start = 0;
     range.l_len = 1;
