@@ -46,16 +46,23 @@ unsigned long bigEndian(const unsigned char* p, int n) {
     return v;
 }
 
-/** A database file shorter than its own header says, when no write-ahead log can explain it. */
-void checkNotTruncated(const std::string& path) {
+/**
+ * Looks at the file before SQLite does, which could change its log: a file
+ * that is not an SQLite database at all, or one shorter than its own header
+ * says when no write-ahead log can explain it.
+ */
+void checkFileHeader(const std::string& path) {
     const long long size = fileSize(path);
-    if (size <= 0 || fileSize(path + "-wal") > 0) return;
+    if (size <= 0) return;
     unsigned char header[100];
     FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return;
+    if (!f) return; // SQLite says why
     const std::size_t got = std::fread(header, 1, sizeof header, f);
     std::fclose(f);
-    if (got < sizeof header || std::memcmp(header, "SQLite format 3", 16) != 0) return; // SQLite says what it is
+    if (got < sizeof header || std::memcmp(header, "SQLite format 3", 16) != 0) {
+        throw NotAnOutbox(sqlite3_errstr(SQLITE_NOTADB));
+    }
+    if (fileSize(path + "-wal") > 0) return;
     unsigned long pageSize = bigEndian(header + 16, 2);
     if (pageSize == 1) pageSize = 65536;
     if (pageSize < 512 || (pageSize & (pageSize - 1)) != 0) return;
@@ -110,7 +117,7 @@ void readState(OutboxDatabase& out) {
 }
 
 void openChecked(OutboxDatabase& out, const std::string& path, const std::string& vfs) {
-    checkNotTruncated(path);
+    checkFileHeader(path);
     const int rc = sqlite3_open_v2(path.c_str(), &out.db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                                    vfs.empty() ? nullptr : vfs.c_str());
     if (rc != SQLITE_OK) {
