@@ -21,9 +21,8 @@ FileOutboxStore::FileOutboxStore(const tavren::OutboxOptions& options, std::uniq
       erase(db, "DELETE FROM messages WHERE sequence = ? RETURNING size"),
       saveCounters(db, "UPDATE counters SET count = ?, bytes = ?, last_sequence = ? WHERE id = 1"),
       select(db, "SELECT sequence, destination, headers, body FROM messages WHERE sequence > ?"
-                 " ORDER BY sequence LIMIT ?"),
-      syncFull(db, "PRAGMA synchronous = FULL"), syncNormal(db, "PRAGMA synchronous = NORMAL") {
-    (powerLoss ? syncFull : syncNormal).run();
+                 " ORDER BY sequence LIMIT ?") {
+    setSync(powerLoss);
     publishCounters();
     if (!powerLoss) syncer = std::thread(&FileOutboxStore::syncLoop, this);
 }
@@ -178,7 +177,7 @@ void FileOutboxStore::remove(const std::vector<std::uint64_t>& sequences) {
     const Counters before = counters;
     try {
         // A lost removal only means a message sent twice: never worth a sync.
-        if (powerLoss) syncNormal.run();
+        if (powerLoss) setSync(false);
         begin.run();
         for (std::uint64_t sequence : sequences) {
             StatementReset resetting(erase);
@@ -189,12 +188,12 @@ void FileOutboxStore::remove(const std::vector<std::uint64_t>& sequences) {
         }
         writeCounters();
         commit.run();
-        if (powerLoss) syncFull.run();
+        if (powerLoss) setSync(true);
     } catch (const SqliteError& e) {
         rollBack(before);
         if (powerLoss) {
             try {
-                syncFull.run();
+                setSync(true);
             } catch (const SqliteError&) {
             }
         }
@@ -203,6 +202,11 @@ void FileOutboxStore::remove(const std::vector<std::uint64_t>& sequences) {
                               "); they are sent again.");
     }
     publishCounters();
+}
+
+void FileOutboxStore::setSync(bool full) {
+    // Not a prepared statement: SQLite applies this pragma when it compiles it.
+    sqliteExec(db, full ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
 }
 
 void FileOutboxStore::syncLoop() {

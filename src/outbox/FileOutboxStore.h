@@ -67,6 +67,7 @@ private:
     void writeCounters();
     void rollBack(const Counters& before);
     void publishCounters();
+    void setSync(bool full);
     void syncLoop();
     void syncLog();
 
@@ -81,7 +82,7 @@ private:
     std::mutex dbLock; // the connection, its statements and the counters
     Counters counters;
     std::atomic<std::size_t> keptCount{0}, keptBytes{0};
-    SqliteStatement begin, commit, rollback, insert, oldest, erase, saveCounters, select, syncFull, syncNormal;
+    SqliteStatement begin, commit, rollback, insert, oldest, erase, saveCounters, select;
 
     // Under Crash: the thread that syncs the log.
     std::mutex syncLock;

@@ -21,6 +21,7 @@ struct Write {
 struct State {
     std::mutex lock;
     long long writesLeft = -1;
+    int failure = SQLITE_FULL;
     bool holding = false, powerLost = false;
     long syncs = 0;
 };
@@ -66,7 +67,7 @@ int xWrite(sqlite3_file* f, const void* data, int amount, sqlite3_int64 offset) 
         std::lock_guard<std::mutex> guard(state.lock);
         if (state.powerLost) return SQLITE_OK;
         if (state.writesLeft >= 0) {
-            if (state.writesLeft < amount) return SQLITE_FULL;
+            if (state.writesLeft < amount) return state.failure;
             state.writesLeft -= amount;
         }
         if (state.holding) {
@@ -203,9 +204,10 @@ void TestVfs::install() {
     sqlite3_vfs_register(&vfs, 0);
 }
 
-void TestVfs::failWritesAfter(long long bytes) {
+void TestVfs::failWritesAfter(long long bytes, int code) {
     std::lock_guard<std::mutex> guard(state.lock);
     state.writesLeft = bytes;
+    state.failure = code;
 }
 
 void TestVfs::holdUnsyncedWrites() {

@@ -21,8 +21,8 @@ public:
     static void install();
     static const char* name() { return "tavren-test"; }
 
-    /** Writes fail with SQLITE_FULL once this many more bytes were written; -1: never. */
-    static void failWritesAfter(long long bytes);
+    /** Writes fail with this SQLite result code once this many more bytes were written; -1: never. */
+    static void failWritesAfter(long long bytes, int code);
     /** From now on writes wait in memory for their file's sync. */
     static void holdUnsyncedWrites();
     /** Drops every write not synced; from now on nothing reaches the files. */
