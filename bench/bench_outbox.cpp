@@ -71,9 +71,8 @@ void addMessages(benchmark::State& state, int kind) {
     if (state.thread_index() == 0) {
         const tavren::OutboxOptions o = options(kind);
         shared = o.file.empty() ? tavren::internal::makeMemoryOutbox(o)
-                                : tavren::internal::openFileOutbox(o, [](const std::string& line) {
-                                      std::fprintf(stderr, "%s\n", line.c_str());
-                                  });
+                                : tavren::internal::openFileOutbox(
+                                      o, [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
         writtenBefore = writeBytes();
     }
     std::vector<std::uint64_t> added;
@@ -87,8 +86,8 @@ void addMessages(benchmark::State& state, int kind) {
     }
     shared->remove(added);
     if (state.thread_index() == 0) {
-        state.counters["written/msg"] = benchmark::Counter(static_cast<double>(writeBytes() - writtenBefore),
-                                                           benchmark::Counter::kAvgIterations);
+        state.counters["written/msg"] =
+            benchmark::Counter(static_cast<double>(writeBytes() - writtenBefore), benchmark::Counter::kAvgIterations);
     }
     state.SetItemsProcessed(state.iterations());
 }

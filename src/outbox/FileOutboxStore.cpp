@@ -12,10 +12,16 @@ constexpr std::chrono::milliseconds FileOutboxStore::syncDelay;
 
 FileOutboxStore::FileOutboxStore(const tavren::OutboxOptions& options, std::unique_ptr<OutboxFileLock> lock,
                                  const OutboxDatabase& database)
-    : limits(options), path(options.file), prefix(database.idPrefix),
-      powerLoss(options.durability == tavren::OutboxOptions::PowerLoss), fileLock(std::move(lock)),
-      db(database.db), counters{database.count, database.bytes, database.lastSequence}, begin(db, "BEGIN IMMEDIATE"),
-      commit(db, "COMMIT"), rollback(db, "ROLLBACK"),
+    : limits(options),
+      path(options.file),
+      prefix(database.idPrefix),
+      powerLoss(options.durability == tavren::OutboxOptions::PowerLoss),
+      fileLock(std::move(lock)),
+      db(database.db),
+      counters{database.count, database.bytes, database.lastSequence},
+      begin(db, "BEGIN IMMEDIATE"),
+      commit(db, "COMMIT"),
+      rollback(db, "ROLLBACK"),
       insert(db, "INSERT INTO messages (sequence, size, destination, headers, body) VALUES (?, ?, ?, ?, ?)"),
       oldest(db, "SELECT sequence, size, destination FROM messages ORDER BY sequence LIMIT 1"),
       erase(db, "DELETE FROM messages WHERE sequence = ? RETURNING size"),
@@ -226,8 +232,7 @@ void FileOutboxStore::syncLoop() {
 void FileOutboxStore::syncLog() {
     std::lock_guard<std::mutex> guard(dbLock);
     sqlite3_file* log = nullptr;
-    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK || !log ||
-        !log->pMethods) {
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) != SQLITE_OK || !log || !log->pMethods) {
         return;
     }
     // A failed sync leaves the commits to the next one, or to the checkpoint at close.

@@ -16,10 +16,12 @@ namespace internal {
  * it and wait. The next leader is one of those whose request is still
  * waiting. The queue's lock is never held while a commit runs.
  */
-template <typename Request> class GroupCommit {
+template <typename Request>
+class GroupCommit {
 public:
     /** Commits this request with whatever else is queued; commit(batch) must set done in each. */
-    template <typename Commit> void submit(Request* request, Commit&& commit) {
+    template <typename Commit>
+    void submit(Request* request, Commit&& commit) {
         std::unique_lock<std::mutex> guard(lock);
         queue.push_back(request);
         while (!request->done) {

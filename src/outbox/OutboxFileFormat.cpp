@@ -9,11 +9,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <algorithm>
 
 namespace tavren {
 namespace internal {
@@ -68,7 +68,8 @@ void checkFileHeader(const std::string& path) {
     if (pageSize < 512 || (pageSize & (pageSize - 1)) != 0) return;
     const bool sizeValid = bigEndian(header + 24, 4) == bigEndian(header + 92, 4);
     const unsigned long long pages = bigEndian(header + 28, 4);
-    if (size % static_cast<long long>(pageSize) != 0 || (sizeValid && size < static_cast<long long>(pages * pageSize))) {
+    if (size % static_cast<long long>(pageSize) != 0 ||
+        (sizeValid && size < static_cast<long long>(pages * pageSize))) {
         throw NotAnOutbox("the file is truncated");
     }
 }

@@ -13,7 +13,8 @@ std::size_t outboxEntryBytes(const std::string& destination, const HeaderMap& he
 }
 
 OutboxLimits::OutboxLimits(const tavren::OutboxOptions& options)
-    : maxMessages(options.maxMessages), maxBytes(options.maxBytes),
+    : maxMessages(options.maxMessages),
+      maxBytes(options.maxBytes),
       dropOldest(options.whenFull == tavren::OutboxOptions::DropOldest) {}
 
 void OutboxLimits::checkAlone(std::size_t messageBytes) const {
@@ -37,8 +38,8 @@ void OutboxLimits::refuse(std::size_t count, std::size_t bytes, std::size_t mess
                               std::to_string(maxMessages) + " are kept; the message is not kept.");
     }
     throw OutboxException("The outbox is full: " + std::to_string(bytes) + " bytes of at most " +
-                          std::to_string(maxBytes) + " are kept, and the message has " +
-                          std::to_string(messageBytes) + "; the message is not kept.");
+                          std::to_string(maxBytes) + " are kept, and the message has " + std::to_string(messageBytes) +
+                          "; the message is not kept.");
 }
 
 } // namespace internal

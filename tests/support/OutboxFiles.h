@@ -15,8 +15,8 @@ namespace tavren {
 namespace test {
 
 /** Options of a file outbox in path. */
-inline tavren::OutboxOptions fileOptions(const std::string& path,
-                                         tavren::OutboxOptions::Durability durability = tavren::OutboxOptions::PowerLoss) {
+inline tavren::OutboxOptions
+fileOptions(const std::string& path, tavren::OutboxOptions::Durability durability = tavren::OutboxOptions::PowerLoss) {
     tavren::OutboxOptions options;
     options.file = path;
     options.durability = durability;

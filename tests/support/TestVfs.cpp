@@ -80,8 +80,8 @@ int xWrite(sqlite3_file* f, const void* data, int amount, sqlite3_int64 offset) 
 
 int flushPending(File* file) {
     for (const Write& w : *file->pending) {
-        const int rc = file->real()->pMethods->xWrite(file->real(), w.bytes.data(), static_cast<int>(w.bytes.size()),
-                                                      w.offset);
+        const int rc =
+            file->real()->pMethods->xWrite(file->real(), w.bytes.data(), static_cast<int>(w.bytes.size()), w.offset);
         if (rc != SQLITE_OK) return rc;
     }
     file->pending->clear();
@@ -127,9 +127,7 @@ int xFileControl(sqlite3_file* f, int op, void* arg) {
     return of(f)->real()->pMethods->xFileControl(of(f)->real(), op, arg);
 }
 int xSectorSize(sqlite3_file* f) { return of(f)->real()->pMethods->xSectorSize(of(f)->real()); }
-int xDeviceCharacteristics(sqlite3_file* f) {
-    return of(f)->real()->pMethods->xDeviceCharacteristics(of(f)->real());
-}
+int xDeviceCharacteristics(sqlite3_file* f) { return of(f)->real()->pMethods->xDeviceCharacteristics(of(f)->real()); }
 int xShmMap(sqlite3_file* f, int region, int size, int extend, void volatile** out) {
     return of(f)->real()->pMethods->xShmMap(of(f)->real(), region, size, extend, out);
 }
@@ -137,19 +135,32 @@ int xShmLock(sqlite3_file* f, int offset, int n, int flags) {
     return of(f)->real()->pMethods->xShmLock(of(f)->real(), offset, n, flags);
 }
 void xShmBarrier(sqlite3_file* f) { of(f)->real()->pMethods->xShmBarrier(of(f)->real()); }
-int xShmUnmap(sqlite3_file* f, int deleteFlag) {
-    return of(f)->real()->pMethods->xShmUnmap(of(f)->real(), deleteFlag);
-}
+int xShmUnmap(sqlite3_file* f, int deleteFlag) { return of(f)->real()->pMethods->xShmUnmap(of(f)->real(), deleteFlag); }
 int xFetch(sqlite3_file*, sqlite3_int64, int, void** out) {
     *out = nullptr;
     return SQLITE_OK;
 }
 int xUnfetch(sqlite3_file*, sqlite3_int64, void*) { return SQLITE_OK; }
 
-const sqlite3_io_methods methods = {3,        xClose,      xRead,       xWrite,       xTruncate,
-                                    xSync,    xFileSize,   xLock,       xUnlock,      xCheckReservedLock,
-                                    xFileControl, xSectorSize, xDeviceCharacteristics, xShmMap, xShmLock,
-                                    xShmBarrier,  xShmUnmap,   xFetch,      xUnfetch};
+const sqlite3_io_methods methods = {3,
+                                    xClose,
+                                    xRead,
+                                    xWrite,
+                                    xTruncate,
+                                    xSync,
+                                    xFileSize,
+                                    xLock,
+                                    xUnlock,
+                                    xCheckReservedLock,
+                                    xFileControl,
+                                    xSectorSize,
+                                    xDeviceCharacteristics,
+                                    xShmMap,
+                                    xShmLock,
+                                    xShmBarrier,
+                                    xShmUnmap,
+                                    xFetch,
+                                    xUnfetch};
 
 int xOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* f, int flags, int* outFlags) {
     File* file = of(f);

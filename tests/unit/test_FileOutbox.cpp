@@ -31,8 +31,9 @@ TEST(FileOutbox, ReopeningKeepsTheMessagesTheirOrderAndTheIdPrefix) {
     std::uint64_t last = 0;
     {
         auto store = openOutbox(fileOptions(path));
-        for (int i = 0; i < 10; ++i) last = store->add("/queue/" + std::to_string(i), HeaderMap{{"n", std::to_string(i)}},
-                                                       "body " + std::to_string(i), nullptr);
+        for (int i = 0; i < 10; ++i)
+            last = store->add("/queue/" + std::to_string(i), HeaderMap{{"n", std::to_string(i)}},
+                              "body " + std::to_string(i), nullptr);
         store->remove({last - 9, last - 8, last}); // the first two and the last
         prefix = store->idPrefix();
     }
@@ -155,8 +156,8 @@ TEST(FileOutbox, OpeningAHundredThousandWaitingMessagesReadsNoBody) {
     EXPECT_EQ(100000u, store->count());
     EXPECT_EQ(100000u * (15 + 100), store->bytes());
     const long rssAfter = residentKiB();
-    std::printf("opening %ld KiB with 100000 messages took %.2f ms and %ld KiB of resident memory\n",
-                fileBytes / 1024, std::chrono::duration<double, std::milli>(took).count(), rssAfter - rssBefore);
+    std::printf("opening %ld KiB with 100000 messages took %.2f ms and %ld KiB of resident memory\n", fileBytes / 1024,
+                std::chrono::duration<double, std::milli>(took).count(), rssAfter - rssBefore);
     // Reading every body would bring about the whole file in.
     EXPECT_LT(rssAfter - rssBefore, fileBytes / 1024 / 4);
     std::vector<OutboxEntry> first;

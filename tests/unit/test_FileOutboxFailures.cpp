@@ -154,13 +154,14 @@ TEST_F(FileOutboxFailures, AReadOnlyFileIsReadButRefusesNewMessages) {
 TEST_F(FileOutboxFailures, TheTestStorageLosesWhatWasNotSynced) {
     TestVfs::holdUnsyncedWrites();
     sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(path().c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                                         TestVfs::name()));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
-                                          "CREATE TABLE t (x); INSERT INTO t VALUES (1);",
+    ASSERT_EQ(SQLITE_OK,
+              sqlite3_open_v2(path().c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, TestVfs::name()));
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db,
+                                      "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
+                                      "CREATE TABLE t (x); INSERT INTO t VALUES (1);",
                                       nullptr, nullptr, nullptr));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "PRAGMA synchronous = OFF; INSERT INTO t VALUES (2);", nullptr, nullptr,
-                                      nullptr));
+    EXPECT_EQ(SQLITE_OK,
+              sqlite3_exec(db, "PRAGMA synchronous = OFF; INSERT INTO t VALUES (2);", nullptr, nullptr, nullptr));
     TestVfs::losePower();
     sqlite3_close(db);
     TestVfs::install();
@@ -213,7 +214,8 @@ TEST_F(FileOutboxFailures, PowerLossSyncsOnceACommitAndNeverForARemoval) {
     auto store = openOutbox(fileOptions(path()), nullptr, TestVfs::name());
     const long before = TestVfs::syncs();
     std::vector<std::uint64_t> sequences;
-    for (const std::string& body : numbered(0, 50)) sequences.push_back(store->add("/queue/a", HeaderMap(), body, nullptr));
+    for (const std::string& body : numbered(0, 50))
+        sequences.push_back(store->add("/queue/a", HeaderMap(), body, nullptr));
     const long afterAdds = TestVfs::syncs();
     EXPECT_LE(afterAdds - before, 50 + 1) << "syncs for 50 adds one after another";
     EXPECT_GE(afterAdds - before, 50);
