@@ -18,14 +18,16 @@ FileOutboxStore::FileOutboxStore(const tavren::OutboxOptions& options, std::uniq
       powerLoss(options.durability == tavren::OutboxOptions::PowerLoss),
       fileLock(std::move(lock)),
       db(database.db),
-      counters{database.count, database.bytes, database.lastSequence},
+      counters{database.count, database.bytes, database.lastSequence, database.addedCount, database.addedBytes},
       begin(db, "BEGIN IMMEDIATE"),
       commit(db, "COMMIT"),
       rollback(db, "ROLLBACK"),
-      insert(db, "INSERT INTO messages (sequence, size, destination, headers, body) VALUES (?, ?, ?, ?, ?)"),
+      insert(db, "INSERT INTO messages (sequence, size, added_count, added_bytes, destination, headers, body)"
+                 " VALUES (?, ?, ?, ?, ?, ?, ?)"),
       oldest(db, "SELECT sequence, size, destination FROM messages ORDER BY sequence LIMIT 1"),
       erase(db, "DELETE FROM messages WHERE sequence = ? RETURNING size"),
-      saveCounters(db, "UPDATE counters SET count = ?, bytes = ?, last_sequence = ? WHERE id = 1"),
+      saveCounters(db, "UPDATE counters SET count = ?, bytes = ?, last_sequence = ?, added_count = ?, added_bytes = ?"
+                       " WHERE id = 1"),
       select(db, "SELECT sequence, destination, headers, body FROM messages WHERE sequence > ?"
                  " ORDER BY sequence LIMIT ?") {
     setSync(powerLoss);
@@ -67,8 +69,7 @@ void FileOutboxStore::commitBatch(const std::vector<Request*>& batch) {
         const Counters before = counters;
         try {
             begin.run();
-            insertBatch(batch);
-            writeCounters();
+            if (insertBatch(batch)) writeCounters();
             commit.run();
         } catch (const SqliteError& e) {
             rollBack(before);
@@ -94,12 +95,14 @@ void FileOutboxStore::commitBatch(const std::vector<Request*>& batch) {
     }
 }
 
-void FileOutboxStore::insertBatch(const std::vector<Request*>& batch) {
+bool FileOutboxStore::insertBatch(const std::vector<Request*>& batch) {
+    bool dropped = false;
     for (Request* request : batch) {
         while (!limits.fits(static_cast<std::size_t>(counters.count), static_cast<std::size_t>(counters.bytes),
                             request->size)) {
             if (!limits.dropsOldest()) break;
             dropOldest(request);
+            dropped = true;
         }
         if (!limits.fits(static_cast<std::size_t>(counters.count), static_cast<std::size_t>(counters.bytes),
                          request->size)) {
@@ -115,15 +118,20 @@ void FileOutboxStore::insertBatch(const std::vector<Request*>& batch) {
         StatementReset resetting(insert);
         insert.bind(1, static_cast<std::int64_t>(sequence));
         insert.bind(2, static_cast<std::int64_t>(request->size));
-        insert.bind(3, *request->destination);
-        insert.bindBlob(4, request->headers);
-        insert.bindBlob(5, *request->body);
+        insert.bind(3, static_cast<std::int64_t>(counters.addedCount + 1));
+        insert.bind(4, static_cast<std::int64_t>(counters.addedBytes + static_cast<long long>(request->size)));
+        insert.bind(5, *request->destination);
+        insert.bindBlob(6, request->headers);
+        insert.bindBlob(7, *request->body);
         insert.step();
         counters.lastSequence = sequence;
         counters.count += 1;
         counters.bytes += static_cast<long long>(request->size);
+        counters.addedCount += 1;
+        counters.addedBytes += static_cast<long long>(request->size);
         request->sequence = static_cast<std::uint64_t>(sequence);
     }
+    return dropped;
 }
 
 void FileOutboxStore::dropOldest(Request* request) {
@@ -143,6 +151,8 @@ void FileOutboxStore::writeCounters() {
     saveCounters.bind(1, static_cast<std::int64_t>(counters.count));
     saveCounters.bind(2, static_cast<std::int64_t>(counters.bytes));
     saveCounters.bind(3, static_cast<std::int64_t>(counters.lastSequence));
+    saveCounters.bind(4, static_cast<std::int64_t>(counters.addedCount));
+    saveCounters.bind(5, static_cast<std::int64_t>(counters.addedBytes));
     saveCounters.run();
 }
 

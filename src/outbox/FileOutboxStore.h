@@ -59,10 +59,12 @@ private:
     };
     struct Counters {
         long long count, bytes, lastSequence;
+        long long addedCount, addedBytes; // ever added
     };
 
     void commitBatch(const std::vector<Request*>& batch);
-    void insertBatch(const std::vector<Request*>& batch);
+    /** Inserts what fits; true when it dropped messages, which the counters must then say. */
+    bool insertBatch(const std::vector<Request*>& batch);
     void dropOldest(Request* request);
     void writeCounters();
     void rollBack(const Counters& before);

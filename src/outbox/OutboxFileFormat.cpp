@@ -19,15 +19,21 @@ namespace tavren {
 namespace internal {
 namespace {
 
+// The counters say what was kept as of the last sequence they name; each
+// message carries the number and bytes of all messages added up to it, so
+// an add commit changes no page but the last of "messages", and opening the
+// file reads the counters and the last message only.
 const char* const schema = "BEGIN IMMEDIATE;"
                            "PRAGMA application_id = 1414942530;"
                            "PRAGMA user_version = 1;"
                            "CREATE TABLE meta (key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;"
                            "CREATE TABLE counters (id INTEGER PRIMARY KEY CHECK (id = 1), count INTEGER NOT NULL,"
-                           " bytes INTEGER NOT NULL, last_sequence INTEGER NOT NULL);"
-                           "INSERT INTO counters VALUES (1, 0, 0, 0);"
+                           " bytes INTEGER NOT NULL, last_sequence INTEGER NOT NULL, added_count INTEGER NOT NULL,"
+                           " added_bytes INTEGER NOT NULL);"
+                           "INSERT INTO counters VALUES (1, 0, 0, 0, 0, 0);"
                            "CREATE TABLE messages (sequence INTEGER PRIMARY KEY, size INTEGER NOT NULL,"
-                           " destination TEXT NOT NULL, headers BLOB NOT NULL, body BLOB NOT NULL);";
+                           " added_count INTEGER NOT NULL, added_bytes INTEGER NOT NULL, destination TEXT NOT NULL,"
+                           " headers BLOB NOT NULL, body BLOB NOT NULL);";
 
 bool corruption(int code) {
     const int primary = code & 0xff;
@@ -106,14 +112,26 @@ void readState(OutboxDatabase& out) {
     StatementReset resettingPrefix(prefix);
     if (!prefix.step()) throw NotAnOutbox("it has no id prefix");
     out.idPrefix = prefix.text(0);
-    SqliteStatement counters(out.db, "SELECT count, bytes, last_sequence FROM counters WHERE id = 1");
+    SqliteStatement counters(out.db, "SELECT count, bytes, last_sequence, added_count, added_bytes FROM counters"
+                                     " WHERE id = 1");
     StatementReset resettingCounters(counters);
     if (!counters.step()) throw NotAnOutbox("it has no counters");
     out.count = counters.integer(0);
     out.bytes = counters.integer(1);
-    // The highest kept sequence is found at the right edge of the table, without reading the others.
-    const long long highest = queryInteger(out.db, "SELECT max(sequence) FROM messages");
-    out.lastSequence = std::max<long long>(counters.integer(2), highest);
+    out.lastSequence = counters.integer(2);
+    out.addedCount = counters.integer(3);
+    out.addedBytes = counters.integer(4);
+    // Messages added since the counters were written, from the right edge of the table alone.
+    SqliteStatement last(out.db,
+                         "SELECT sequence, added_count, added_bytes FROM messages ORDER BY sequence DESC LIMIT 1");
+    StatementReset resettingLast(last);
+    if (last.step() && last.integer(0) > out.lastSequence) {
+        out.count += last.integer(1) - out.addedCount;
+        out.bytes += last.integer(2) - out.addedBytes;
+        out.lastSequence = last.integer(0);
+        out.addedCount = last.integer(1);
+        out.addedBytes = last.integer(2);
+    }
     if (out.count < 0 || out.bytes < 0) throw NotAnOutbox("its counters are negative");
 }
 

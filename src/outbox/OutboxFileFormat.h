@@ -25,6 +25,7 @@ struct OutboxDatabase {
     sqlite3* db = nullptr;
     std::string idPrefix;
     long long count = 0, bytes = 0, lastSequence = 0;
+    long long addedCount = 0, addedBytes = 0; // every message ever added, and their bytes
 };
 
 /**

@@ -51,6 +51,18 @@ TEST(FileOutbox, ReopeningKeepsTheMessagesTheirOrderAndTheIdPrefix) {
     }
     // Sequences go on above the highest ever given, also one no longer kept.
     EXPECT_EQ(last + 1, store->add("/queue/a", HeaderMap(), "more", nullptr));
+    // Counted again from the file: the adds since the last removal too.
+    store.reset();
+    store = openOutbox(fileOptions(path));
+    EXPECT_EQ(8u, store->count());
+    EXPECT_EQ(7u * (8 + 1 + 1 + 6) + 8 + 4, store->bytes());
+    store->remove({last + 1, last - 7});
+    store->add("/queue/b", HeaderMap(), "last", nullptr);
+    store.reset();
+    store = openOutbox(fileOptions(path));
+    EXPECT_EQ(7u, store->count());
+    EXPECT_EQ(6u * (8 + 1 + 1 + 6) + 8 + 4, store->bytes());
+    EXPECT_EQ(last + 2, readAll(*store).back().sequence);
 }
 
 TEST(FileOutbox, TwoPrefixesForTwoFiles) {
