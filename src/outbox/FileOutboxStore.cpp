@@ -85,7 +85,6 @@ void FileOutboxStore::commitBatch(const std::vector<Request*>& batch) {
         }
         publishCounters();
     }
-    for (Request* request : batch) request->done = true;
     if (!powerLoss) {
         std::lock_guard<std::mutex> guard(syncLock);
         if (!unsynced) {

@@ -19,7 +19,11 @@ namespace internal {
 template <typename Request>
 class GroupCommit {
 public:
-    /** Commits this request with whatever else is queued; commit(batch) must set done in each. */
+    /**
+     * Commits this request with whatever else is queued. commit(batch) must
+     * not throw; what it writes into the requests is seen by their threads
+     * once they are done.
+     */
     template <typename Commit>
     void submit(Request* request, Commit&& commit) {
         std::unique_lock<std::mutex> guard(lock);
@@ -35,6 +39,7 @@ public:
             guard.unlock();
             commit(batch);
             guard.lock();
+            for (Request* done : batch) done->done = true;
             leading = false;
             finished.notify_all();
         }
