@@ -5,6 +5,8 @@
 #include "outbox/OutboxFileFormat.h"
 #include "outbox/OutboxFileLock.h"
 
+#include <tavren/OutboxException.h>
+
 namespace tavren {
 namespace internal {
 
@@ -24,7 +26,11 @@ std::unique_ptr<OutboxStore> openFileOutbox(const tavren::OutboxOptions& options
                      "): moved aside to " + aside + "; a new outbox is started.");
         }
         lock.reset(new OutboxFileLock(options.file));
-        database = openOutboxDatabase(options.file, vfs);
+        try {
+            database = openOutboxDatabase(options.file, vfs);
+        } catch (const NotAnOutbox& again) {
+            throw OutboxException("The outbox file " + options.file + " cannot be made (" + again.what() + ").");
+        }
     }
     return std::unique_ptr<OutboxStore>(new FileOutboxStore(options, std::move(lock), database));
 }

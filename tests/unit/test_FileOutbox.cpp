@@ -140,6 +140,7 @@ TEST(FileOutbox, ThreadsAddingAtOnceKeepEveryMessageInTheOrderOfEachThread) {
 
 TEST(FileOutbox, OpeningAHundredThousandWaitingMessagesReadsNoBody) {
     SKIP_UNDER_SANITIZERS();
+    SKIP_UNDER_VALGRIND();
     TempFolder folder;
     const std::string path = folder.file("outbox.db");
     tavren::OutboxOptions options = fileOptions(path, tavren::OutboxOptions::Crash);

@@ -23,6 +23,7 @@ TEST(MemoryOutbox, EachOutboxHasAFreshUuidAsItsPrefix) {
 
 TEST(MemoryOutbox, TenThousandMessagesOfOneKibGrowTheProcessByAtMostSixteenMib) {
     SKIP_UNDER_SANITIZERS();
+    SKIP_UNDER_VALGRIND();
     const HeaderMap headers{{"content-type", "application/json"}};
     const std::string body(1024, 'r');
     auto store = makeMemoryOutbox(tavren::OutboxOptions());

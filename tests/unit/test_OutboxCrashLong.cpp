@@ -2,6 +2,7 @@
 // A process adding to a file outbox under Crash is killed at random moments
 // (about 4 s; over 20 s under the sanitizers, which add nothing to it here):
 // every message whose add had returned is in the file afterwards.
+#include "support/Memory.h"
 #include "support/OutboxFiles.h"
 #include "support/TempFolder.h"
 
@@ -48,6 +49,7 @@ std::vector<int> reported(int in) {
 }
 
 TEST(OutboxCrash, EveryMessageAddedBeforeAKillIsKept) {
+    SKIP_UNDER_VALGRIND();
     TempFolder folder;
     const std::string path = folder.file("outbox.db");
     std::mt19937 random(std::random_device{}());
