@@ -59,7 +59,7 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE ${TAVREN_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${TAVREN_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
-# The library: its Depends (libapr1, libuuid1, libssl3, libstdc++6, libc6, libgcc-s1,
+# The library: its Depends (libapr1, libuuid1, libssl3, libsqlite3-0, libstdc++6, libc6, libgcc-s1,
 # with their minimum versions) come from dpkg-shlibdeps; its shlibs file
 # lets other packages depend on it the same way.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${_tavren_runtime_package})

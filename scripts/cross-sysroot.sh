@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Prepares what a cross build for an ARM device needs (Debian 12, as root):
 # the cross compiler and qemu-user-static from the host's packages, and a
-# sysroot folder with the target's APR, libuuid, OpenSSL and GoogleTest.
+# sysroot folder with the target's APR, libuuid, OpenSSL, SQLite and GoogleTest.
 #   scripts/cross-sysroot.sh ARCH        ARCH: arm64 or armhf
 # Prints the sysroot's path on its last line.
 #
@@ -23,7 +23,7 @@ esac
 base=${TAVREN_CROSS_DIR:-/var/tmp/tavren-cross}/$arch
 sysroot=$base/sysroot
 # What the target's build links and its tests need at run time.
-target_packages=(libapr1-dev libapr1 uuid-dev libuuid1 libcrypt1 libssl-dev libssl3 libgtest-dev libgmock-dev)
+target_packages=(libapr1-dev libapr1 uuid-dev libuuid1 libcrypt1 libssl-dev libssl3 libsqlite3-dev libsqlite3-0 libgtest-dev libgmock-dev)
 
 host_packages=(cmake make pkg-config "crossbuild-essential-$arch" qemu-user-static)
 missing=()

@@ -23,13 +23,13 @@ struct OutboxOptions {
         RefuseNew, ///< throw OutboxException; the new message is not kept
         DropOldest ///< drop the oldest kept message (logged with its destination and tavren-id)
     };
-    WhenFull whenFull = RefuseNew;
+    WhenFull whenFull = RefuseNew; ///< what a full outbox does with a new message
     /** What a message kept in a file survives once sendToQueue has returned. */
     enum Durability {
         PowerLoss, ///< on stable storage before sendToQueue returns
         Crash      ///< survives a crash of the application at once, a power loss all but the last moments
     };
-    Durability durability = PowerLoss;
+    Durability durability = PowerLoss; ///< what a message in a file survives; ignored in memory
 };
 
 } // namespace tavren

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace tavren {
 namespace test {
@@ -47,8 +49,20 @@ inline bool resetPeakResident() {
     return std::fclose(f) == 0 && written;
 }
 
+/** Whether the process runs under valgrind (scripts/memcheck.sh), which preloads its own allocator. */
+inline bool underValgrind() {
+    const char* preloaded = std::getenv("LD_PRELOAD");
+    return preloaded && std::strstr(preloaded, "vgpreload");
+}
+
 } // namespace test
 } // namespace tavren
+
+// Under valgrind the memory is valgrind's, and everything runs some fifty
+// times slower: tests that measure, or that only repeat for long what other
+// tests cover, leave memcheck's run.
+#define SKIP_UNDER_VALGRIND()                                                                                          \
+    if (tavren::test::underValgrind()) GTEST_SKIP() << "measured, and run at length, outside valgrind"
 
 #ifdef TAVREN_SANITIZED
 // Sanitizers keep freed memory in quarantine and add shadow memory: the
