@@ -137,8 +137,8 @@ public:
         if (all) return kExitOk;
         const size_t left = client.pendingMessages();
         if (!options.outbox.empty()) {
-            std::fprintf(stderr, "%s: %zu of %d message%s not confirmed within %g s; kept in %s for the next run\n",
-                         kTool, left, sent, sent == 1 ? "" : "s", options.timeout, options.outbox.c_str());
+            std::fprintf(stderr, "%s: %zu message%s not confirmed within %g s; kept in %s for the next run\n", kTool,
+                         left, left == 1 ? "" : "s", options.timeout, options.outbox.c_str());
             return kExitKept;
         }
         if (logger.disconnections() > 0) {

@@ -5,6 +5,7 @@
 
 #include "client/StompClientImpl.h"
 #include "support/EngineFixture.h"
+#include "support/TempFolder.h"
 
 #include <tavren/OutboxException.h>
 
@@ -293,5 +294,45 @@ TEST_F(Outbox, ManyThreadsSendingKeepEachThreadsOrder) {
     EXPECT_EQ(next, (std::vector<int>{500, 500, 500, 500}));
     EXPECT_EQ(ids.size(), 2000u);
 }
+
+#ifdef TAVREN_FILE_OUTBOX
+TEST_F(Outbox, AFileOutboxSendsWhatAnEarlierRunLeftFirst) {
+    tavren::test::TempFolder folder;
+    OutboxOptions options;
+    options.file = folder.file("outbox.db");
+    broker.refuseConnections();
+    {
+        clientWithOutbox(options);
+        client->openConnection(100, kelvra::utility::Version("1.2"));
+        for (int i = 0; i < 3; ++i) client->sendToQueue("q", ("old " + std::to_string(i)).c_str(), nullptr);
+        client.reset();
+    }
+    EXPECT_EQ(log.count("INFO: 3 unconfirmed messages stay in the outbox file for the next run."), 1u);
+    ASSERT_TRUE(broker.acceptConnections());
+    clientWithOutbox(options);
+    EXPECT_EQ(client->pendingMessages(), 3u);
+    connect();
+    client->sendToQueue("q", "new", nullptr);
+    ASSERT_TRUE(client->waitForConfirmations(10000));
+    EXPECT_EQ(log.count("INFO: The outbox holds 3 messages from an earlier run: they are sent first."), 1u);
+    EXPECT_EQ(bodiesOn(1), (std::vector<std::string>{"old 0", "old 1", "old 2", "new"}));
+    client.reset();
+    EXPECT_EQ(log.countStartingWith("INFO: 0 unconfirmed"), 0u);
+}
+
+TEST_F(Outbox, ASecondClientOnTheSameFileIsRefused) {
+    tavren::test::TempFolder folder;
+    OutboxOptions options;
+    options.file = folder.file("outbox.db");
+    clientWithOutbox(options);
+    tavren::StompClient second("127.0.0.1", broker.port(), &log, nullptr);
+    try {
+        second.useOutbox(options);
+        FAIL() << "no exception";
+    } catch (tavren::OutboxException& e) {
+        EXPECT_EQ(std::string(e.what()), "The outbox file " + options.file + " is used by another client.");
+    }
+}
+#endif
 
 } // namespace
