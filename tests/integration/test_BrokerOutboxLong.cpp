@@ -110,8 +110,8 @@ TEST_P(BrokerOutbox, NothingIsLostWhileTheBrokerIsStoppedForTwentySeconds) {
     expectAllInOrder(got, total);
     RecordProperty("sent_during_outage", sentDuringOutage);
     RecordProperty("duplicates", got.duplicates);
-    std::printf("%s: %d messages sent while the broker was stopped, %d duplicates received\n",
-                broker().name().c_str(), sentDuringOutage, got.duplicates);
+    std::printf("%s: %d messages sent while the broker was stopped, %d duplicates received\n", broker().name().c_str(),
+                sentDuringOutage, got.duplicates);
     if (HasFailure()) {
         printLogOnFailure("producer", producerLog);
         printLogOnFailure("consumer", consumerLog);
