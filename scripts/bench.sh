@@ -71,6 +71,9 @@ rm -rf "$work/run"
 BENCH_BIN=$work/bin BENCH_WORK=$work/run BENCH_OUT=$BENCH_OUT BENCH_COMMAND=$command \
   BENCH_LIB_DESC=${BENCH_LIB_DESC:-} /usr/bin/python3 "$root/bench/compare/driver.py"
 
+echo "== Sending with an outbox (scripts/bench-outbox.sh)"
+BENCH_OUT=$BENCH_OUT "$root/scripts/bench-outbox.sh"
+
 echo "== Stopping the brokers this script started"
 stop_brokers
 echo "== Done in $(( (SECONDS - started) / 60 )) min $(( (SECONDS - started) % 60 )) s"

@@ -18,6 +18,7 @@
 
 #include <tavren/tavren.h>
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -77,6 +78,28 @@ long rssKiB() {
     return -1;
 }
 
+// Takes everything off the queue again (automatic ACK), so that the broker
+// does not pile up the runs' messages; not timed.
+void drain(const std::string& host, int port, const std::string& version, const std::string& queue, long n) {
+    const int fd = wire::connectTo(host.c_str(), port);
+    std::string frames = "CONNECT\naccept-version:" + version + "\nhost:/\nlogin:guest\npasscode:guest\n\n";
+    frames.push_back('\0');
+    frames += "SUBSCRIBE\nid:0\ndestination:/queue/" + queue + "\nack:auto\n\n";
+    frames.push_back('\0');
+    if (!wire::writeAll(fd, frames)) wire::die("write SUBSCRIBE");
+    wire::Reader reader(fd);
+    wire::Frame f;
+    long got = 0;
+    while (got < n) {
+        while (reader.next(&f)) {
+            if (f.command == "MESSAGE") ++got;
+        }
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 3000) <= 0 || reader.fill() <= 0) break;
+    }
+    close(fd);
+}
+
 void report(const std::string& variant, long n, double seconds, long long writeBytes, bool ok) {
     std::printf("RESULT {\"variant\": \"%s\", \"n\": %ld, \"seconds\": %.6f, \"rate\": %.1f, "
                 "\"write_bytes_per_msg\": %.1f, \"ok\": %s}\n",
@@ -132,6 +155,7 @@ int runClient(const std::string& variant, const std::string& host, int port, con
     const long long ioAfter = ioWriteBytes();
     report(variant, n, seconds, ioBefore >= 0 && ioAfter >= 0 ? ioAfter - ioBefore : -1, ok);
     client.closeConnection();
+    drain(host, port, version, queue, n);
     if (!file.empty()) {
         for (const char* suffix : {"", "-wal", "-shm"}) unlink((file + suffix).c_str());
     }
@@ -178,6 +202,7 @@ int runFloor(const std::string& host, int port, const std::string& version, cons
     const double seconds = wire::now() - start;
     report("floor", n, seconds, -1, confirmed == n);
     close(fd);
+    drain(host, port, version, queue, n);
     return confirmed == n ? 0 : 1;
 }
 
