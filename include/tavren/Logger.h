@@ -85,6 +85,17 @@ namespace tavren {
  *   is dropped)
  * - error: "Ther broker sent a frame without a receipt-id header!" (the same without a receipt-id; the spelling is
  *   the library's)
+ *
+ * With an outbox (StompClient::useOutbox):
+ * - error: "The broker refused the message ID to /queue/NAME: REASON. It is not sent again." (an ERROR answered it)
+ * - error: "The broker did not confirm the message ID to /queue/NAME within 10000 ms: the connection is taken as
+ *   lost." ("Disconnected!" and a reconnect follow; the message is sent again)
+ * - error: "The outbox is full: its oldest message ID to /queue/NAME was dropped." (DropOldest)
+ * - info: "The outbox holds N messages from an earlier run: they are sent first." (openConnection, a file outbox)
+ * - info: "N unconfirmed messages stay in the outbox file for the next run." (closeConnection, destructor)
+ * - error: "N messages in the memory outbox were never confirmed by the broker and are lost." (the same in memory)
+ * - error: "The outbox file FILE could not be read as an outbox (REASON): moved aside to FILE.corrupt-TIME; a new
+ *   outbox is started." (useOutbox)
  */
 class Logger {
 public:
