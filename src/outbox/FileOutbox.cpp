@@ -4,6 +4,7 @@
 #include "outbox/FileOutboxStore.h"
 #include "outbox/OutboxFileFormat.h"
 #include "outbox/OutboxFileLock.h"
+#include "outbox/SqliteStatement.h"
 
 #include <tavren/OutboxException.h>
 
@@ -32,7 +33,12 @@ std::unique_ptr<OutboxStore> openFileOutbox(const tavren::OutboxOptions& options
             throw OutboxException("The outbox file " + options.file + " cannot be made (" + again.what() + ").");
         }
     }
-    return std::unique_ptr<OutboxStore>(new FileOutboxStore(options, std::move(lock), database));
+    try {
+        return std::unique_ptr<OutboxStore>(new FileOutboxStore(options, std::move(lock), database));
+    } catch (const SqliteError& e) {
+        sqlite3_close_v2(database.db);
+        throw OutboxException("The outbox file " + options.file + " cannot be opened (" + e.reason() + ").");
+    }
 }
 
 std::unique_ptr<OutboxStore> openFileOutbox(const tavren::OutboxOptions& options,

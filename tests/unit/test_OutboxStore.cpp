@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // What every outbox does, in memory and in a file under both durabilities:
-// order, paging, removal, bounds and both policies when full.
+// order, paging, removal, bounds and both policies when full; and what a
+// memory outbox costs.
 #include "outbox/FileOutbox.h"
 #include "outbox/OutboxStore.h"
 
+#include "support/Memory.h"
 #include "support/TempFolder.h"
+#include "support/UuidText.h"
 
 #include <tavren/OutboxException.h>
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -201,6 +205,29 @@ TEST_P(OutboxStoreTest, RefusesAMessageLargerThanTheWholeOutboxUnderBothPolicies
         EXPECT_EQ((std::vector<std::string>{"kept"}), bodies(*store));
         store->remove({readAll(*store)[0].sequence});
     }
+}
+
+TEST(MemoryOutbox, EachOutboxHasAFreshUuidAsItsPrefix) {
+    auto one = makeMemoryOutbox(tavren::OutboxOptions());
+    auto two = makeMemoryOutbox(tavren::OutboxOptions());
+    EXPECT_TRUE(test::isUuid(one->idPrefix())) << one->idPrefix();
+    EXPECT_NE(one->idPrefix(), two->idPrefix());
+    EXPECT_FALSE(one->durable());
+}
+
+TEST(MemoryOutbox, TenThousandMessagesOfOneKibGrowTheProcessByAtMostSixteenMib) {
+    SKIP_UNDER_SANITIZERS();
+    SKIP_UNDER_VALGRIND();
+    const HeaderMap headers{{"content-type", "application/json"}};
+    const std::string body(1024, 'r');
+    auto store = makeMemoryOutbox(tavren::OutboxOptions());
+    const long before = test::residentKiB();
+    for (int i = 0; i < 10000; ++i) store->add("/queue/readings", headers, body, nullptr);
+    const long grown = test::residentKiB() - before;
+    std::printf("10000 messages of 1 KiB in a memory outbox: RSS grew by %ld KiB (%.0f bytes a message)\n", grown,
+                grown * 1024.0 / 10000);
+    EXPECT_EQ(10000u, store->count());
+    EXPECT_LE(grown, 16 * 1024);
 }
 
 INSTANTIATE_TEST_SUITE_P(, OutboxStoreTest,
