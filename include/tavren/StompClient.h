@@ -143,7 +143,17 @@ public:
 
     /**
      * Subscribes listener to the queue and waits for the broker's receipt.
-     * A refusal by the broker is logged and leaves the listener unregistered.
+     * A refusal by the broker on a connection that stays open (an ERROR
+     * that answers the SUBSCRIBE) is logged and leaves the listener
+     * unregistered. A refusal after which the broker closes the connection
+     * (an ERROR while the receipt is awaited, even when a RECEIPT follows)
+     * is logged with the broker's reason ("The broker refused the
+     * subscription to /queue/NAME (...) and closed the connection: the
+     * listener is kept and subscribed again on the next connection."),
+     * never as a success; the listener is kept and subscribed again on the
+     * next connection, which waits longer after each refusal (see
+     * openConnection). To tell the two apart, the client waits up to a
+     * quarter of a second after an ERROR for the connection to end.
      *
      * The subscription acknowledges each message on its own ("ack:
      * client-individual"). The wait ends with the receipt, an ERROR, the loss
@@ -179,6 +189,31 @@ public:
      *         to a connection attempt on this thread that meets such a broker
      */
     void listenOnQueue(std::string queue, tavren::Listener* listener);
+
+    /**
+     * As listenOnQueue(queue, listener), with headers of the application's
+     * own on this listener's SUBSCRIBE: the first one and every later one
+     * (after a reconnect, after resumeAllListeners, on a failover broker),
+     * until stopListeningOnQueue for the queue. For example
+     * "x-queue-type: quorum" for a RabbitMQ quorum queue (every connection's
+     * first frame to the queue must carry it, see docs/brokers.md), or
+     * "selector" on ActiveMQ. Headers go out in name order after the
+     * library's. With an empty map the frame is exactly the one the
+     * two-argument form writes; the two-argument form drops headers given
+     * earlier for the queue.
+     *
+     * Headers the library writes itself cannot be given: "destination",
+     * "id", "ack", "receipt", "prefetch-count" and "activemq.prefetchSize".
+     * Such a header throws std::invalid_argument naming it; nothing is
+     * logged or written and nothing is registered.
+     *
+     * @param queue the bare queue name ("orders" for "/queue/orders")
+     * @param listener as for listenOnQueue(queue, listener)
+     * @param subscribeHeaders the headers to add; copied
+     * @throws std::invalid_argument when subscribeHeaders holds a header the library writes
+     * @throws std::out_of_range as listenOnQueue(queue, listener)
+     */
+    void listenOnQueue(std::string queue, tavren::Listener* listener, const HeaderMap& subscribeHeaders);
 
     /**
      * Unsubscribes from the queue, waits for the broker's receipt, and forgets its listener.
@@ -370,6 +405,20 @@ public:
      * @throws std::logic_error when called after openConnection
      */
     void setFrameLimits(std::size_t maxLineBytes, std::size_t maxBodyBytes);
+
+    /**
+     * Puts "host: host" on every CONNECT, whatever the protocol version;
+     * RabbitMQ takes it as the virtual host to work in (a virtual host made
+     * with "rabbitmqctl add_vhost NAME --default-queue-type quorum" makes
+     * every queue declared in it a quorum queue, see docs/brokers.md).
+     * Without this call, or with an empty name, CONNECT carries no "host"
+     * header.
+     *
+     * @param host the virtual host's name
+     * @throws std::logic_error ("setVirtualHost must be called before
+     *         openConnection.") when called after openConnection
+     */
+    void setVirtualHost(std::string host);
 
 private:
     kelvra::UniquePtr<tavren::internal::StompClientImpl> impl;

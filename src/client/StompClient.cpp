@@ -37,7 +37,11 @@ void StompClient::openConnection(int reconnectPeriod, kelvra::utility::Version v
 }
 
 void StompClient::listenOnQueue(std::string queue, tavren::Listener* listener) {
-    impl->registerListener(kQueuePrefix + queue, listener);
+    impl->registerListener(kQueuePrefix + queue, listener, HeaderMap());
+}
+
+void StompClient::listenOnQueue(std::string queue, tavren::Listener* listener, const HeaderMap& subscribeHeaders) {
+    impl->registerListener(kQueuePrefix + queue, listener, subscribeHeaders);
 }
 
 void StompClient::stopListeningOnQueue(std::string queue) { impl->deregisterListener(kQueuePrefix + queue); }
@@ -63,6 +67,8 @@ void StompClient::useTls(const TlsOptions& options) { impl->useTls(options); }
 void StompClient::enableHeartbeats() { impl->enableHeartbeats(); }
 
 void StompClient::addFailoverBroker(std::string host, int port) { impl->addFailoverBroker(host, port); }
+
+void StompClient::setVirtualHost(std::string host) { impl->setVirtualHost(host); }
 
 void StompClient::setFrameLimits(std::size_t maxLineBytes, std::size_t maxBodyBytes) {
     impl->setFrameLimits(maxLineBytes, maxBodyBytes);

@@ -144,6 +144,11 @@ void StompClientImpl::setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes) {
     connection->setFrameLimits(maxLineBytes, maxBodyBytes);
 }
 
+void StompClientImpl::setVirtualHost(std::string host) {
+    requireNotOpened("setVirtualHost");
+    virtualHost = host;
+}
+
 void StompClientImpl::moveToNextBroker() {
     // Under the lock, after a failed attempt. A connection that stands, or
     // is lost, keeps its broker: only a failure to connect moves on.
@@ -167,7 +172,7 @@ void StompClientImpl::setupRobustConnection(int period, kelvra::utility::Version
     opened = true;
     reconnectPeriod = period;
     version = v;
-    virtualHost = vhost;
+    if (!vhost.empty()) virtualHost = vhost;
     EngineLock lock(*mutex);
     setupConnector(name);
 }
@@ -190,7 +195,7 @@ void StompClientImpl::setupConnector(std::string name) {
         // Connected: eventConnect has deleted the connector.
     } catch (tavren::ConnectionException& e) {
         logError(std::string("Failed to connect on first try, ") + e.what());
-        fresh->startRetries();
+        fresh->restartIn(waitAfterFailedAttemptMs(e));
     } catch (...) {
         // Goes on to the caller; the timer still retries, so the engine does
         // not stay without a connection and without attempts.
@@ -206,17 +211,21 @@ void StompClientImpl::connectAgain() {
     // be stormed), or unless the loss happened inside an attempt on this
     // very thread (subscribing again after a connect): trying from there
     // would nest one attempt inside the other for as long as they fail, and
-    // the timer's thread makes it with a fresh stack instead.
+    // the timer's thread makes it with a fresh stack instead. After a
+    // refused or short-lived connection the timer waits longer each time
+    // (RefusalSchedule); and an outage whose attempts are scheduled keeps
+    // its schedule, whatever fails meanwhile.
+    if (connector && !hasSession) return;
     const long long since = msSinceLastAttempt();
     Connector* fresh = new Connector(this, reconnectPeriod, clientName);
     const int period = fresh->period();
-    if (!Connector::insideAttempt() && (since < 0 || since >= period)) {
+    if (!Connector::insideAttempt() && calm.count() == 0 && (since < 0 || since >= period)) {
         delete fresh;
         setupConnector(clientName);
         return;
     }
     installConnector(fresh);
-    const long long delay = std::max(0LL, period - since) + (retryDelayMs() - period);
+    const long long delay = waitAfterLossMs(since);
     logInfo("Connecting again in " + std::to_string(delay) + " ms: the connection was lost " + std::to_string(since) +
             " ms after the last attempt to connect began.");
     fresh->restartIn(static_cast<int>(delay));
@@ -267,6 +276,10 @@ void StompClientImpl::installSession(Session* fresh) {
 void StompClientImpl::eventConnect() {
     logInfo("Connected.");
     connector.clean();
+    calm.connected();
+    brokerError.clear();
+    const std::string lost = lostSends.connected();
+    if (!lost.empty()) logError(lost);
 
     agreed = Heartbeats();
     if (heartbeatsEnabled && session) {
@@ -303,6 +316,7 @@ void StompClientImpl::eventConnect() {
 }
 
 void StompClientImpl::eventDisconnect(bool error) {
+    const bool stood = hasSession;
     if (error) {
         logError("Disconnected!");
     } else {
@@ -313,6 +327,7 @@ void StompClientImpl::eventDisconnect(bool error) {
     joinListenThread();
     session.clean();
     hasSession = false;
+    if (stood) connectionEnded(!error);
 }
 
 void StompClientImpl::eventDisconnectError() {
@@ -386,7 +401,7 @@ void StompClientImpl::sendMessage(std::string destination, const char* text, Hea
 
     long long timeout = kWriteTimeoutUs;
     const apr_status_t rc = connection->write(frame, &timeout);
-    if (rc != 0) eventDisconnectError();
+    if (rc != 0) sendLost();
 }
 
 void StompClientImpl::closeConnection() {
