@@ -209,10 +209,10 @@ private:
     bool heartbeatsEnabled; // watch and send the heart-beats agreed at connect
     // The application's headers for each listener's SUBSCRIBE, by destination.
     std::map<std::string, HeaderMap> subscribeHeaders;
-    RefusalSchedule calm;       // refused and short-lived connections in a row
-    BrokerRefusal brokerError;  // the last ERROR of the current connection (or of CONNECT)
-    LostSends lostSends;        // sends lost during the current outage
-    Heartbeats agreed;      // this connection's; set before its listen thread starts
+    RefusalSchedule calm;      // refused and short-lived connections in a row
+    BrokerRefusal brokerError; // the last ERROR of the current connection (or of CONNECT)
+    LostSends lostSends;       // sends lost during the current outage
+    Heartbeats agreed;         // this connection's; set before its listen thread starts
 };
 
 } // namespace internal

@@ -116,8 +116,7 @@ void StompClientImpl::abandonPendingResults() {
     }
 }
 
-void StompClientImpl::registerListener(std::string destination, tavren::Listener* listener,
-                                       const HeaderMap& headers) {
+void StompClientImpl::registerListener(std::string destination, tavren::Listener* listener, const HeaderMap& headers) {
     refuseLibraryHeaders(headers);
     {
         EngineLock lock(*mutex);

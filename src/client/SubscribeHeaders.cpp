@@ -9,7 +9,8 @@ namespace internal {
 
 namespace {
 
-const char* const kLibraryHeaders[] = {"destination", "id", "ack", "receipt", "prefetch-count", "activemq.prefetchSize"};
+const char* const kLibraryHeaders[] = {"destination",          "id", "ack", "receipt", "prefetch-count",
+                                       "activemq.prefetchSize"};
 
 } // namespace
 
