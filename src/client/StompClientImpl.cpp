@@ -226,8 +226,12 @@ void StompClientImpl::connectAgain() {
     }
     installConnector(fresh);
     const long long delay = waitAfterLossMs(since);
-    logInfo("Connecting again in " + std::to_string(delay) + " ms: the connection was lost " + std::to_string(since) +
-            " ms after the last attempt to connect began.");
+    if (!refusalLine.empty()) {
+        logRefusal(delay);
+    } else {
+        logInfo("Connecting again in " + std::to_string(delay) + " ms: the connection was lost " +
+                std::to_string(since) + " ms after the last attempt to connect began.");
+    }
     fresh->restartIn(static_cast<int>(delay));
 }
 
@@ -299,6 +303,7 @@ void StompClientImpl::eventConnect() {
         listenThreadEnded();
         logError(std::string("Could not start the listen thread: ") + strerror(rc));
         eventDisconnect(true);
+        logRefusal(-1);
         if (!destroying) {
             connector.reset(new Connector(this, reconnectPeriod, clientName));
             connector->startRetries();
@@ -333,8 +338,8 @@ void StompClientImpl::eventDisconnect(bool error) {
 void StompClientImpl::eventDisconnectError() {
     eventDisconnect(true);
     // The engine is going away, or being closed: no new attempt.
-    if (destroying || closing > 0) return;
-    connectAgain();
+    if (!destroying && closing == 0) connectAgain();
+    logRefusal(-1);
 }
 
 void StompClientImpl::joinListenThread() {

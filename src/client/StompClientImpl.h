@@ -144,6 +144,8 @@ private:
     void noteBrokerError(const ServerFrame& frame, const std::string& receiptId);
     /** A connection that stood ended; logs the broker's refusal, if any. */
     void connectionEnded(bool byApplication);
+    /** Logs the refusal that ended the connection, if any, with the wait that follows (none when negative). */
+    void logRefusal(long long waitMs);
     /** The wait before the attempt that follows a lost connection, since ms after the last attempt began. */
     long long waitAfterLossMs(long long since);
     /** A failed attempt: the wait before the next one (longer after a refusal, which is logged). */
@@ -212,6 +214,7 @@ private:
     RefusalSchedule calm;      // refused and short-lived connections in a row
     BrokerRefusal brokerError; // the last ERROR of the current connection (or of CONNECT)
     LostSends lostSends;       // sends lost during the current outage
+    std::string refusalLine;   // the refusal that ended the connection, until logged
     Heartbeats agreed;         // this connection's; set before its listen thread starts
 };
 

@@ -48,16 +48,23 @@ void StompClientImpl::noteBrokerError(const ServerFrame& frame, const std::strin
 }
 
 void StompClientImpl::connectionEnded(bool byApplication) {
-    // Under the lock, once the connection that stood is gone.
+    // Under the lock, once the connection that stood is gone. The refusal is
+    // logged with the wait that follows it (connectAgain), or alone.
     calm.ended(brokerError.any(), byApplication, std::max(1, reconnectPeriod));
     if (brokerError.any() && !byApplication) {
         const std::string reason = brokerError.reason.empty() ? "" : " (" + brokerError.reason + ")";
         const bool subscription = brokerError.subject.rfind("the subscription", 0) == 0;
-        logError("The broker refused " + (brokerError.subject.empty() ? "a frame" : brokerError.subject) + reason +
-                 " and closed the connection" +
-                 (subscription ? ": the listener is kept and subscribed again on the next connection." : "."));
+        refusalLine = "The broker refused " + (brokerError.subject.empty() ? "a frame" : brokerError.subject) + reason +
+                      " and closed the connection" +
+                      (subscription ? ": the listener is kept and subscribed again on the next connection." : ".");
     }
     brokerError.clear();
+}
+
+void StompClientImpl::logRefusal(long long waitMs) {
+    if (refusalLine.empty()) return;
+    logError(waitMs < 0 ? refusalLine : refusalLine + " The next attempt in " + std::to_string(waitMs) + " ms.");
+    refusalLine.clear();
 }
 
 long long StompClientImpl::waitAfterLossMs(long long since) {

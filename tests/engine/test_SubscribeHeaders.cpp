@@ -85,9 +85,8 @@ TEST_F(SubscribeHeaders, AHeaderTheLibraryWritesIsRefusedWithNothingWritten) {
             client->listenOnQueue("q", &listener, {{"x-queue-type", "quorum"}, {name, "1"}});
             ADD_FAILURE() << name << " was taken";
         } catch (const std::invalid_argument& e) {
-            EXPECT_EQ(std::string(e.what()),
-                      std::string("The header \"") + name +
-                          "\" is written by the library and cannot be given to listenOnQueue.");
+            EXPECT_EQ(std::string(e.what()), std::string("The header \"") + name +
+                                                 "\" is written by the library and cannot be given to listenOnQueue.");
         }
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
