@@ -125,6 +125,14 @@ public:
      * 10 seconds in all). Later attempts run on the reconnect timer's
      * thread.
      *
+     * A connection that the broker refused (an ERROR, then the end of the
+     * connection, or an ERROR answering CONNECT), or one that ended within a
+     * reconnect period of its CONNECTED without bringing a message, makes
+     * the next attempt wait a period; each further one in a row doubles the
+     * wait, up to 60 s (plus the jitter). A connection that stands a full
+     * period starts again from the period. Each refusal is logged once with
+     * the broker's reason ("The broker refused ...").
+     *
      * Logs "Attempting to connect...", then "Connected." or (error) "Failed
      * to connect on first try, " and the reason; each later attempt logs
      * "Retrying connect..." and "Connected." or "Reconnect failed with: "
@@ -252,6 +260,13 @@ public:
      * connect..."), then on the timer; within a reconnect period of the last
      * attempt, only the timer tries ("Connecting again in N ms: ..."). May
      * be called from Listener::onMessage.
+     *
+     * During an outage whose attempts are already scheduled, only the first
+     * lost send logs "Disconnected!"; the later ones make no attempt and
+     * start no thread, and their count is logged at most once per reconnect
+     * period ("N messages sent while disconnected were lost so far.") and
+     * once a connection stands ("N messages sent while disconnected were
+     * lost.").
      *
      * @param queue the bare queue name
      * @param text the body; a null text sends an empty body
