@@ -122,8 +122,8 @@ int sender(bool outage) {
     const size_t stored = broker.framesWithCommand("SEND").size();
     std::printf("%s: 4000 sends in 20 s, %zu received by the broker, %ld log lines, %ld threads started, CPU %.3f s\n"
                 "last count: %s\n",
-                outage ? "outage" : "accepted", stored, log.lines() - linesBefore, threadsStarted - threadsBefore,
-                cpu, log.last("count").c_str());
+                outage ? "outage" : "accepted", stored, log.lines() - linesBefore, threadsStarted - threadsBefore, cpu,
+                log.last("count").c_str());
     return 0;
 }
 

@@ -35,18 +35,6 @@ protected:
     }
 };
 
-// Starts the broker again when a test leaves it stopped.
-class BrokerRestarter {
-public:
-    explicit BrokerRestarter(const RealBroker& broker) : broker(broker) {}
-    ~BrokerRestarter() {
-        if (!broker.answers()) broker.start();
-    }
-
-private:
-    const RealBroker& broker;
-};
-
 using RabbitQuorum = BrokerRefusals;
 using ActiveSelector = BrokerRefusals;
 
