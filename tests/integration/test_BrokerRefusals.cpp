@@ -123,6 +123,28 @@ TEST_P(RabbitQuorum, ARefusedSubscriptionIsRetriedOnADoublingSchedule) {
     EXPECT_EQ(listener.count(), 0);
 }
 
+TEST_P(RabbitQuorum, ASubscriptionRefusedByPermissionsIsRetriedOnADoublingSchedule) {
+    // A user who may not declare, read or write any queue.
+    broker().control("add_user tavren-limited limited");
+    ASSERT_TRUE(broker().control("set_permissions -p / tavren-limited '^$' '^$' '^$'"));
+    CapturingLogger log;
+    RecordingListener listener;
+    const std::string queue = freshQueue("forbidden");
+    std::unique_ptr<StompClient> client(
+        new StompClient("127.0.0.1", broker().port(), "tavren-limited", "limited", &log, nullptr));
+    ASSERT_TRUE(open(*client, 1000));
+    client->listenOnQueue(queue, &listener);
+    const std::string refused = "ERROR: The broker refused the subscription to /queue/" + queue + " (access_refused";
+    ASSERT_TRUE(log.waitForPrefix(refused, 1, 10000));
+    usleep(5000 * 1000);
+    // Attempts after 1 and 2 s more (and jitter): three connections in 5 s.
+    const size_t connections = log.count("INFO: Connected.");
+    EXPECT_GE(connections, 2u);
+    EXPECT_LE(connections, 4u);
+    EXPECT_EQ(log.countStartingWith(refused), connections);
+    EXPECT_FALSE(log.contains("INFO: Subscribed to destination /queue/" + queue + " successfully."));
+}
+
 TEST_P(ActiveSelector, ASelectorLetsOnlyMatchingMessagesThrough) {
     RecordingListener listener;
     CapturingLogger log;
