@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Starts or stops a RabbitMQ broker with STOMP for libtavren's demo and tests.
 #
-#   scripts/rabbitmq.sh start | stop | status
+#   scripts/rabbitmq.sh start | stop | status | ctl ARGS...
 #
 # The broker runs as user rabbitmq in the background, bound to 127.0.0.1 only:
 # STOMP on $TAVREN_RABBITMQ_PORT (61623), STOMP over TLS on
@@ -99,6 +99,12 @@ stop() {
   stop_pidfile "$pidfile" 30
   stop_pidfile "$epmd_pidfile" 5
   log "stopped"
+}
+
+# rabbitmqctl against this node, as the user that owns its cookie.
+ctl() {
+  server_env
+  "${as_rabbitmq[@]}" env HOME="$dir" /usr/lib/rabbitmq/bin/rabbitmqctl -n "$RABBITMQ_NODENAME" "$@"
 }
 
 broker_command "$@"

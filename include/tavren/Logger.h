@@ -39,6 +39,17 @@ namespace tavren {
  * - info: "Connecting again in N ms: the connection was lost M ms after the last attempt to connect began." (a
  *   connection lost within a reconnect period of its attempt is made again by the timer, not at once)
  * - info: "Disconnected." (closeConnection)
+ * - error: "The broker refused the subscription to /queue/NAME (REASON) and closed the connection: the listener is
+ *   kept and subscribed again on the next connection. The next attempt in N ms." (an ERROR, then the end of the
+ *   connection; likewise "the unsubscription from /queue/NAME" or "a frame" when it is not known what the ERROR
+ *   answered; REASON is its "message" header and the first line of its body; this line takes the place of
+ *   "Connecting again in ...")
+ * - error: "The broker refused the connection (REASON): the next attempt in N ms." (an ERROR answered CONNECT; after
+ *   "Reconnect failed with: ..." or "Failed to connect on first try, ...")
+ * - error: "N messages sent while disconnected were lost so far." (at most once per reconnect period while sends are
+ *   lost during an outage; only the first lost send logs "Disconnected!")
+ * - error: "N messages sent while disconnected were lost." (once a connection stands again, after "Connected.", when
+ *   more than one send was lost)
  * - info: "Trying the broker HOST:PORT." (before each attempt, only when StompClient::addFailoverBroker was called)
  * - error: "No data from the broker for N ms, twice its heart-beat interval of M ms: the connection is taken as
  *   lost." (only after StompClient::enableHeartbeats; "Disconnected!" and a reconnect follow)

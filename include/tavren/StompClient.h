@@ -127,6 +127,14 @@ public:
      * 10 seconds in all). Later attempts run on the reconnect timer's
      * thread.
      *
+     * A connection that the broker refused (an ERROR, then the end of the
+     * connection, or an ERROR answering CONNECT), or one that ended within a
+     * reconnect period of its CONNECTED without bringing a message, makes
+     * the next attempt wait a period; each further one in a row doubles the
+     * wait, up to 60 s (plus the jitter). A connection that stands a full
+     * period starts again from the period. Each refusal is logged once with
+     * the broker's reason ("The broker refused ...").
+     *
      * Logs "Attempting to connect...", then "Connected." or (error) "Failed
      * to connect on first try, " and the reason; each later attempt logs
      * "Retrying connect..." and "Connected." or "Reconnect failed with: "
@@ -145,7 +153,17 @@ public:
 
     /**
      * Subscribes listener to the queue and waits for the broker's receipt.
-     * A refusal by the broker is logged and leaves the listener unregistered.
+     * A refusal by the broker on a connection that stays open (an ERROR
+     * that answers the SUBSCRIBE) is logged and leaves the listener
+     * unregistered. A refusal after which the broker closes the connection
+     * (an ERROR while the receipt is awaited, even when a RECEIPT follows)
+     * is logged with the broker's reason ("The broker refused the
+     * subscription to /queue/NAME (...) and closed the connection: the
+     * listener is kept and subscribed again on the next connection."),
+     * never as a success; the listener is kept and subscribed again on the
+     * next connection, which waits longer after each refusal (see
+     * openConnection). To tell the two apart, the client waits up to a
+     * quarter of a second after an ERROR for the connection to end.
      *
      * The subscription acknowledges each message on its own ("ack:
      * client-individual"). The wait ends with the receipt, an ERROR, the loss
@@ -181,6 +199,31 @@ public:
      *         to a connection attempt on this thread that meets such a broker
      */
     void listenOnQueue(std::string queue, tavren::Listener* listener);
+
+    /**
+     * As listenOnQueue(queue, listener), with headers of the application's
+     * own on this listener's SUBSCRIBE: the first one and every later one
+     * (after a reconnect, after resumeAllListeners, on a failover broker),
+     * until stopListeningOnQueue for the queue. For example
+     * "x-queue-type: quorum" for a RabbitMQ quorum queue (every connection's
+     * first frame to the queue must carry it, see docs/brokers.md), or
+     * "selector" on ActiveMQ. Headers go out in name order after the
+     * library's. With an empty map the frame is exactly the one the
+     * two-argument form writes; the two-argument form drops headers given
+     * earlier for the queue.
+     *
+     * Headers the library writes itself cannot be given: "destination",
+     * "id", "ack", "receipt", "prefetch-count" and "activemq.prefetchSize".
+     * Such a header throws std::invalid_argument naming it; nothing is
+     * logged or written and nothing is registered.
+     *
+     * @param queue the bare queue name ("orders" for "/queue/orders")
+     * @param listener as for listenOnQueue(queue, listener)
+     * @param subscribeHeaders the headers to add; copied
+     * @throws std::invalid_argument when subscribeHeaders holds a header the library writes
+     * @throws std::out_of_range as listenOnQueue(queue, listener)
+     */
+    void listenOnQueue(std::string queue, tavren::Listener* listener, const HeaderMap& subscribeHeaders);
 
     /**
      * Unsubscribes from the queue, waits for the broker's receipt, and forgets its listener.
@@ -219,6 +262,13 @@ public:
      * connect..."), then on the timer; within a reconnect period of the last
      * attempt, only the timer tries ("Connecting again in N ms: ..."). May
      * be called from Listener::onMessage.
+     *
+     * During an outage whose attempts are already scheduled, only the first
+     * lost send logs "Disconnected!"; the later ones make no attempt and
+     * start no thread, and their count is logged at most once per reconnect
+     * period ("N messages sent while disconnected were lost so far.") and
+     * once a connection stands ("N messages sent while disconnected were
+     * lost.").
      *
      * @param queue the bare queue name
      * @param text the body; a null text sends an empty body
@@ -413,6 +463,20 @@ public:
      *         false when the time ran out first
      */
     bool waitForConfirmations(long timeoutMs);
+
+    /**
+     * Puts "host: host" on every CONNECT, whatever the protocol version;
+     * RabbitMQ takes it as the virtual host to work in (a virtual host made
+     * with "rabbitmqctl add_vhost NAME --default-queue-type quorum" makes
+     * every queue declared in it a quorum queue, see docs/brokers.md).
+     * Without this call, or with an empty name, CONNECT carries no "host"
+     * header.
+     *
+     * @param host the virtual host's name
+     * @throws std::logic_error ("setVirtualHost must be called before
+     *         openConnection.") when called after openConnection
+     */
+    void setVirtualHost(std::string host);
 
 private:
     kelvra::UniquePtr<tavren::internal::StompClientImpl> impl;

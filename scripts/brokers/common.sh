@@ -151,6 +151,12 @@ broker_command() {
       else
         echo "not running"; exit 3
       fi ;;
-    *) echo "usage: $0 start|stop|status" >&2; exit 2 ;;
+    ctl)
+      # The broker's own control tool, for the tests that make queues and
+      # virtual hosts (scripts/rabbitmq.sh ctl list_queues name type).
+      declare -F ctl >/dev/null || { echo "$0 has no control tool" >&2; exit 2; }
+      shift
+      ctl "$@" ;;
+    *) echo "usage: $0 start|stop|status|ctl ARGS..." >&2; exit 2 ;;
   esac
 }

@@ -112,6 +112,7 @@ void Connector::attemptOn(const BrokerAddress& broker) {
         kelvra::UniquePtr<ServerFrame> reply(raw);
 
         if (reply->command() == "ERROR") {
+            owner->brokerError.note(*reply, "");
             // The socket stays open; the next attempt's connect closes it.
             throw ConnectionException(ConnectionException::BrokerError,
                                       std::string("Broker replied: \n") + (reply->body() ? reply->body() : ""));
@@ -155,13 +156,14 @@ void Connector::onTimeout() {
     engine->retryEntered();
 
     stop();
+    engine->logLostSendsIfDue();
     engine->logInfo("Retrying connect...");
     try {
         attemptConnect();
         // Connected: this connector has been deleted.
     } catch (ConnectionException& e) {
         engine->logError(std::string("Reconnect failed with: ") + e.what());
-        startRetries();
+        restartIn(engine->waitAfterFailedAttemptMs(e));
     } catch (std::exception& e) {
         // A CONNECTED frame without a header the session needs: retried
         // like any failure, since nobody could catch it on this thread.

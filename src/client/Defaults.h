@@ -97,6 +97,22 @@ const size_t kOutboxBatchMessages = 256;
 // peer that vanished answers nothing either. Ten seconds is the time a
 // subscription waits for its receipt too.
 const long kOutboxReceiptTimeoutMs = 10 * 1000;
+// After a connection that the broker refused (an ERROR, then the end of the
+// connection) or that ended within a reconnect period of its CONNECTED, the
+// next attempt waits a reconnect period, and each further one in a row
+// doubles the wait up to this (milliseconds; never below the period). A
+// refusal is mended by an operator, not by trying again: a minute between
+// attempts keeps a device's log and the broker's connection churn at about
+// one connection a minute (16 in ten minutes with a 1 s period), and brings
+// the client back within a minute of the mend.
+const int kRefusalBackoffCapMs = 60 * 1000;
+
+// After an ERROR while a subscription's receipt is awaited, the subscriber
+// waits this long (milliseconds) for the connection to end: a broker that
+// closes after its ERROR does so at once (the end follows in the same
+// moment), and only then is the listener kept and subscribed again; on a
+// connection that stays open the answer stands as it came.
+const int kRefusalSettleMs = 250;
 
 } // namespace internal
 } // namespace tavren

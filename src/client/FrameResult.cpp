@@ -4,7 +4,7 @@
 namespace tavren {
 namespace internal {
 
-FrameResult::FrameResult(kelvra::threads::CondVar* c) : cond(c), abandoned(false) {}
+FrameResult::FrameResult(kelvra::threads::CondVar* c) : cond(c), abandoned(false), errorSeen(false) {}
 
 FrameResult::~FrameResult() {}
 

@@ -46,12 +46,17 @@ public:
     void abandon() { abandoned = true; }
     bool isAbandoned() const { return abandoned; }
 
+    /** An ERROR came on the connection while this answer was awaited (whatever it answered). */
+    void noteError() { errorSeen = true; }
+    bool sawError() const { return errorSeen; }
+
     kelvra::threads::CondVar* condition() const { return cond; }
 
 private:
     kelvra::threads::CondVar* cond;
     kelvra::SharedPtr<ServerFrame> frame;
     bool abandoned;
+    bool errorSeen;
 };
 
 } // namespace internal

@@ -37,7 +37,11 @@ void StompClient::openConnection(int reconnectPeriod, kelvra::utility::Version v
 }
 
 void StompClient::listenOnQueue(std::string queue, tavren::Listener* listener) {
-    impl->registerListener(kQueuePrefix + queue, listener);
+    impl->registerListener(kQueuePrefix + queue, listener, HeaderMap());
+}
+
+void StompClient::listenOnQueue(std::string queue, tavren::Listener* listener, const HeaderMap& subscribeHeaders) {
+    impl->registerListener(kQueuePrefix + queue, listener, subscribeHeaders);
 }
 
 void StompClient::stopListeningOnQueue(std::string queue) { impl->deregisterListener(kQueuePrefix + queue); }
@@ -69,6 +73,7 @@ void StompClient::useOutbox(const OutboxOptions& options) { impl->useOutbox(opti
 std::size_t StompClient::pendingMessages() const { return impl->pendingMessages(); }
 
 bool StompClient::waitForConfirmations(long timeoutMs) { return impl->waitForConfirmations(timeoutMs); }
+void StompClient::setVirtualHost(std::string host) { impl->setVirtualHost(host); }
 
 void StompClient::setFrameLimits(std::size_t maxLineBytes, std::size_t maxBodyBytes) {
     impl->setFrameLimits(maxLineBytes, maxBodyBytes);

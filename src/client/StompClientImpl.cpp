@@ -149,6 +149,11 @@ void StompClientImpl::setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes) {
     connection->setFrameLimits(maxLineBytes, maxBodyBytes);
 }
 
+void StompClientImpl::setVirtualHost(std::string host) {
+    requireNotOpened("setVirtualHost");
+    virtualHost = host;
+}
+
 void StompClientImpl::moveToNextBroker() {
     // Under the lock, after a failed attempt. A connection that stands, or
     // is lost, keeps its broker: only a failure to connect moves on.
@@ -172,7 +177,7 @@ void StompClientImpl::setupRobustConnection(int period, kelvra::utility::Version
     opened = true;
     reconnectPeriod = period;
     version = v;
-    virtualHost = vhost;
+    if (!vhost.empty()) virtualHost = vhost;
     if (outbox) {
         outbox->reportInherited();
         outbox->start();
@@ -199,7 +204,7 @@ void StompClientImpl::setupConnector(std::string name) {
         // Connected: eventConnect has deleted the connector.
     } catch (tavren::ConnectionException& e) {
         logError(std::string("Failed to connect on first try, ") + e.what());
-        fresh->startRetries();
+        fresh->restartIn(waitAfterFailedAttemptMs(e));
     } catch (...) {
         // Goes on to the caller; the timer still retries, so the engine does
         // not stay without a connection and without attempts.
@@ -215,19 +220,27 @@ void StompClientImpl::connectAgain() {
     // be stormed), or unless the loss happened inside an attempt on this
     // very thread (subscribing again after a connect): trying from there
     // would nest one attempt inside the other for as long as they fail, and
-    // the timer's thread makes it with a fresh stack instead.
+    // the timer's thread makes it with a fresh stack instead. After a
+    // refused or short-lived connection the timer waits longer each time
+    // (RefusalSchedule); and an outage whose attempts are scheduled keeps
+    // its schedule, whatever fails meanwhile.
+    if (connector && !hasSession) return;
     const long long since = msSinceLastAttempt();
     Connector* fresh = new Connector(this, reconnectPeriod, clientName);
     const int period = fresh->period();
-    if (!Connector::insideAttempt() && (since < 0 || since >= period)) {
+    if (!Connector::insideAttempt() && calm.count() == 0 && (since < 0 || since >= period)) {
         delete fresh;
         setupConnector(clientName);
         return;
     }
     installConnector(fresh);
-    const long long delay = std::max(0LL, period - since) + (retryDelayMs() - period);
-    logInfo("Connecting again in " + std::to_string(delay) + " ms: the connection was lost " + std::to_string(since) +
-            " ms after the last attempt to connect began.");
+    const long long delay = waitAfterLossMs(since);
+    if (!refusalLine.empty()) {
+        logRefusal(delay);
+    } else {
+        logInfo("Connecting again in " + std::to_string(delay) + " ms: the connection was lost " +
+                std::to_string(since) + " ms after the last attempt to connect began.");
+    }
     fresh->restartIn(static_cast<int>(delay));
 }
 
@@ -276,6 +289,10 @@ void StompClientImpl::installSession(Session* fresh) {
 void StompClientImpl::eventConnect() {
     logInfo("Connected.");
     connector.clean();
+    calm.connected();
+    brokerError.clear();
+    const std::string lost = lostSends.connected();
+    if (!lost.empty()) logError(lost);
 
     agreed = Heartbeats();
     if (heartbeatsEnabled && session) {
@@ -295,6 +312,7 @@ void StompClientImpl::eventConnect() {
         listenThreadEnded();
         logError(std::string("Could not start the listen thread: ") + strerror(rc));
         eventDisconnect(true);
+        logRefusal(-1);
         if (!destroying) {
             connector.reset(new Connector(this, reconnectPeriod, clientName));
             connector->startRetries();
@@ -313,6 +331,7 @@ void StompClientImpl::eventConnect() {
 }
 
 void StompClientImpl::eventDisconnect(bool error) {
+    const bool stood = hasSession;
     if (error) {
         logError("Disconnected!");
     } else {
@@ -324,13 +343,14 @@ void StompClientImpl::eventDisconnect(bool error) {
     joinListenThread();
     session.clean();
     hasSession = false;
+    if (stood) connectionEnded(!error);
 }
 
 void StompClientImpl::eventDisconnectError() {
     eventDisconnect(true);
     // The engine is going away, or being closed: no new attempt.
-    if (destroying || closing > 0) return;
-    connectAgain();
+    if (!destroying && closing == 0) connectAgain();
+    logRefusal(-1);
 }
 
 void StompClientImpl::joinListenThread() {
@@ -403,7 +423,7 @@ void StompClientImpl::sendMessage(std::string destination, const char* text, Hea
 
     long long timeout = kWriteTimeoutUs;
     const apr_status_t rc = connection->write(frame, &timeout);
-    if (rc != 0) eventDisconnectError();
+    if (rc != 0) sendLost();
 }
 
 void StompClientImpl::closeConnection() {

@@ -6,6 +6,8 @@
 #include "client/EngineMutex.h"
 #include "client/FrameResult.h"
 #include "client/Heartbeats.h"
+#include "client/LostSends.h"
+#include "client/RefusalSchedule.h"
 #include "client/WorkerStacks.h"
 #include "frames/SendFrame.h"
 #include "frames/ServerFrame.h"
@@ -84,6 +86,7 @@ public:
     bool waitForConfirmations(long timeoutMs);
     /** The outbox, for tests that bound its window; null without useOutbox. */
     Outbox* outboxForTests() { return outbox.get(); }
+    void setVirtualHost(std::string host);
 
     void setupRobustConnection(int reconnectPeriod, kelvra::utility::Version version, std::string clientName,
                                std::string virtualHost);
@@ -100,7 +103,8 @@ public:
     void closeConnection();
 
     // The subscription registry.
-    void registerListener(std::string destination, tavren::Listener* listener);
+    /** headers go on this listener's every SUBSCRIBE; std::invalid_argument for a header the library writes. */
+    void registerListener(std::string destination, tavren::Listener* listener, const HeaderMap& headers);
     void deregisterListener(std::string destination);
     void pauseAllListeners();
     void resumeAllListeners();
@@ -142,6 +146,21 @@ private:
     bool listenStopRequested(unsigned generation) const;
     void retryEntered();
     void retryLeft();
+    // Refusals and outages (StompClientImplCalm.cpp).
+    /** A send could not be written: counted, and handled as a lost connection when it is the outage's first. */
+    void sendLost();
+    /** Logs the count of lost sends when it is due. */
+    void logLostSendsIfDue();
+    /** An ERROR came on this connection: remembers it for the end of the connection, and tells waiting subscribers. */
+    void noteBrokerError(const ServerFrame& frame, const std::string& receiptId);
+    /** A connection that stood ended; logs the broker's refusal, if any. */
+    void connectionEnded(bool byApplication);
+    /** Logs the refusal that ended the connection, if any, with the wait that follows (none when negative). */
+    void logRefusal(long long waitMs);
+    /** The wait before the attempt that follows a lost connection, since ms after the last attempt began. */
+    long long waitAfterLossMs(long long since);
+    /** A failed attempt: the wait before the next one (longer after a refusal, which is logged). */
+    int waitAfterFailedAttemptMs(const tavren::ConnectionException& e);
 
     tavren::Logger* logger; // not owned
     // The brokers to connect to: the constructor's first, then the failover
@@ -201,11 +220,17 @@ private:
     // openConnection has been called: the capabilities above are fixed.
     std::atomic<bool> opened;
     bool heartbeatsEnabled; // watch and send the heart-beats agreed at connect
-    Heartbeats agreed;      // this connection's; set before its listen thread starts
     // What the application sends, kept until the broker confirms it; null
     // without useOutbox. The bridge is how it writes on the connection.
     std::unique_ptr<OutboxLink> outboxBridge;
     std::unique_ptr<Outbox> outbox;
+    // The application's headers for each listener's SUBSCRIBE, by destination.
+    std::map<std::string, HeaderMap> subscribeHeaders;
+    RefusalSchedule calm;      // refused and short-lived connections in a row
+    BrokerRefusal brokerError; // the last ERROR of the current connection (or of CONNECT)
+    LostSends lostSends;       // sends lost during the current outage
+    std::string refusalLine;   // the refusal that ended the connection, until logged
+    Heartbeats agreed;         // this connection's; set before its listen thread starts
 };
 
 } // namespace internal

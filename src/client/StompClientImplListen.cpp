@@ -277,6 +277,7 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
     const std::string name = destination->second;
     tavren::Listener* listener = listenerFor(name);
     if (!listener) return; // nobody listens: dropped, not acknowledged
+    engine->calm.messageCame();
 
     Listener::WorkerData* data = new Listener::WorkerData();
     data->listener = listener;
@@ -339,6 +340,7 @@ void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {
         }
     }
     auto& pending = engine->pendingResults;
+    if (frame->command() == "ERROR") engine->noteBrokerError(*frame, headerOrEmpty(*frame, "receipt-id"));
     try {
         const std::string id = frame->headers().at("receipt-id");
         try {

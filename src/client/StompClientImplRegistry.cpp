@@ -5,6 +5,7 @@
 #include "client/StompClientImpl.h"
 
 #include "client/Defaults.h"
+#include "client/SubscribeHeaders.h"
 #include "frames/SubscribeFrame.h"
 #include "frames/UnsubscribeFrame.h"
 #include "transport/AprException.h"
@@ -68,6 +69,15 @@ bool StompClientImpl::writeAndAwait(ClientFrame& frame, const std::string& desti
             break;
         }
     }
+    // An ERROR came while a subscription awaited its answer: a broker that
+    // refuses and closes does so at once, and only the end of the connection
+    // tells that apart from an ERROR on a connection that stays open.
+    if (!timedOut && registering && (result.isError() || result.sawError())) {
+        const struct timespec settle = kelvra::threads::CondVar::deadlineIn(kRefusalSettleMs);
+        while (!result.isAbandoned() && listening) {
+            if (!mutex->waitUntil(cond, settle)) break;
+        }
+    }
     if (timedOut) {
         // A broker that does not answer is taken as lost: the reconnect
         // abandons this wait (keeping the listener) and subscribes again.
@@ -93,9 +103,11 @@ void StompClientImpl::abandonPendingResults() {
         if (change != pendingChanges.end()) {
             const std::string& destination = change->second.first;
             tavren::Listener* listener = change->second.second;
+            // A subscription refused by the broker that then closed is kept
+            // too: it is subscribed again on the next connection.
             if (!listener) {
                 listeners.erase(destination);
-            } else if (!(result->hasResult() && result->isError())) {
+            } else {
                 listeners.insert(std::make_pair(destination, listener));
             }
         }
@@ -104,7 +116,16 @@ void StompClientImpl::abandonPendingResults() {
     }
 }
 
-void StompClientImpl::registerListener(std::string destination, tavren::Listener* listener) {
+void StompClientImpl::registerListener(std::string destination, tavren::Listener* listener, const HeaderMap& headers) {
+    refuseLibraryHeaders(headers);
+    {
+        EngineLock lock(*mutex);
+        if (headers.empty()) {
+            subscribeHeaders.erase(destination);
+        } else {
+            subscribeHeaders[destination] = headers;
+        }
+    }
     registerUntil(destination, listener, receiptDeadline());
 }
 
@@ -113,11 +134,19 @@ void StompClientImpl::registerUntil(const std::string& destination, tavren::List
     EngineLock lock(*mutex);
     logInfo("Registering listener on " + destination);
     SubscribeFrame frame(destination, SubscribeFrame::CLIENT_INDIVIDUAL);
+    auto headers = subscribeHeaders.find(destination);
+    if (headers != subscribeHeaders.end()) frame.addHeaders(headers->second);
     frame.requestReceipt();
     kelvra::threads::CondVar cond;
     FrameResult result(&cond);
     if (!writeAndAwait(frame, destination, listener, result, cond, deadline)) return;
 
+    if (result.isAbandoned() && result.hasResult() && (result.isError() || result.sawError())) {
+        // Refused, then the broker closed: logged with the end of the
+        // connection, and the listener is kept for the next one.
+        listeners.insert(std::make_pair(destination, listener));
+        return;
+    }
     if (!result.hasResult()) {
         logError("The broker's answer to the subscription to " + destination +
                  " never came: the connection was lost. The listener is subscribed again"
@@ -141,6 +170,7 @@ void StompClientImpl::deregisterListener(std::string destination) {
     logInfo("Deregistering listener on " + destination);
     // Stopping a queue forgets it for good, also when it is paused.
     pausedListeners.erase(destination);
+    subscribeHeaders.erase(destination);
     auto entry = listeners.find(destination);
     if (entry == listeners.end()) {
         // Nothing is subscribed here: there is no subscription id to send.
@@ -176,8 +206,12 @@ void StompClientImpl::pauseAllListeners() {
     const std::map<std::string, tavren::Listener*> active = listeners;
     for (const auto& entry : active) {
         logInfo("De-registering listener for: " + entry.first);
+        // A paused listener keeps its headers for resumeAllListeners.
+        auto headers = subscribeHeaders.find(entry.first);
+        const HeaderMap kept = headers == subscribeHeaders.end() ? HeaderMap() : headers->second;
         deregisterListener(entry.first);
         pausedListeners.insert(entry);
+        if (!kept.empty()) subscribeHeaders[entry.first] = kept;
     }
 }
 

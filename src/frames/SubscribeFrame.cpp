@@ -29,6 +29,10 @@ void SubscribeFrame::setAckMode(SubscribeFrame::AcknowledgeMode mode) {
     headers_["ack"] = createAckModeStr();
 }
 
+void SubscribeFrame::addHeaders(const HeaderMap& extra) {
+    for (const auto& header : extra) headers_.insert(header);
+}
+
 std::string SubscribeFrame::createAckModeStr() const {
     if (ackMode_ == CLIENT) return "client";
     if (ackMode_ == CLIENT_INDIVIDUAL) return "client-individual";

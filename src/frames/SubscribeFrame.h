@@ -31,6 +31,9 @@ public:
     /** Sets the member, then the "ack" header. */
     void setAckMode(SubscribeFrame::AcknowledgeMode mode);
 
+    /** Adds the headers whose names the frame does not already carry, in name order on the wire. */
+    void addHeaders(const HeaderMap& extra);
+
     /** "auto", "client" or "client-individual"; empty for any other value. */
     std::string createAckModeStr() const;
 

@@ -40,19 +40,6 @@ TEST_P(BrokerFailures, WrongPasscodeIsRefusedLoggedAndRetried) {
     EXPECT_FALSE(client->isConnected());
 }
 
-// Starts the broker again when a test leaves it stopped, so the tests after
-// it find it running.
-class BrokerRestarter {
-public:
-    explicit BrokerRestarter(const RealBroker& broker) : broker(broker) {}
-    ~BrokerRestarter() {
-        if (!broker.answers()) broker.start();
-    }
-
-private:
-    const RealBroker& broker;
-};
-
 std::vector<std::string> numbered(const std::string& prefix, int count) {
     std::vector<std::string> result;
     for (int i = 0; i < count; ++i) result.push_back(prefix + " " + std::to_string(i));

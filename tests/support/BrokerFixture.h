@@ -95,6 +95,19 @@ inline std::string headerOf(const HeaderMap& headers, const std::string& name) {
     return it == headers.end() ? "(none)" : it->second;
 }
 
+// Starts the broker again when a test leaves it stopped, so the tests after
+// it find it running.
+class BrokerRestarter {
+public:
+    explicit BrokerRestarter(const RealBroker& broker) : broker(broker) {}
+    ~BrokerRestarter() {
+        if (!broker.answers()) broker.start();
+    }
+
+private:
+    const RealBroker& broker;
+};
+
 /**
  * A test against a real broker on loopback, once for each broker and
  * version. Every test uses queues of its own (a fresh name each run), so

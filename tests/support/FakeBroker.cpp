@@ -566,7 +566,8 @@ void FakeBroker::answerConnect() {
 }
 
 bool FakeBroker::refuses(const RecordedFrame& frame, ReceiptReply reply) {
-    const bool error = reply == ReceiptReply::Error || reply == ReceiptReply::ErrorWithoutReceiptId;
+    const bool error = reply == ReceiptReply::Error || reply == ReceiptReply::ErrorWithoutReceiptId ||
+                       reply == ReceiptReply::RefuseAndClose;
     return error && frame.headers.count("receipt") > 0;
 }
 
@@ -588,6 +589,11 @@ void FakeBroker::answerReceiptRequest(const RecordedFrame& frame, ReceiptReply r
         break;
     case ReceiptReply::ErrorWithoutReceiptId: writeFrame("ERROR", error, body); break;
     case ReceiptReply::Silence: break;
+    case ReceiptReply::RefuseAndClose:
+        writeFrame("ERROR", error, body);
+        writeFrame("RECEIPT", {{"receipt-id", receipt->second}}, "");
+        closeClient(false);
+        break;
     }
 }
 

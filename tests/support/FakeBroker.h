@@ -35,7 +35,11 @@ struct RecordedFrame {
 class FakeBroker {
 public:
     enum class ConnectReply { Connected, Error, Silence, Other };
-    enum class ReceiptReply { Receipt, Error, ErrorWithoutReceiptId, Silence };
+    /**
+     * RefuseAndClose answers as RabbitMQ refuses a SUBSCRIBE: an ERROR without
+     * receipt-id, then the RECEIPT, then it closes the connection (FIN).
+     */
+    enum class ReceiptReply { Receipt, Error, ErrorWithoutReceiptId, Silence, RefuseAndClose };
 
     FakeBroker(); // listens and starts the serving thread
     /**

@@ -90,6 +90,19 @@ bool RealBroker::run(const char* action) const {
 
 bool RealBroker::start() const { return run("start"); }
 
+bool RealBroker::control(const std::string& arguments, std::string* output) const {
+    const std::string command = "bash '" + script + "' ctl " + arguments + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return false;
+    std::string text;
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
+    const int status = pclose(pipe);
+    if (output) *output = text;
+    return status == 0;
+}
+
 bool RealBroker::stop() const { return run("stop"); }
 
 std::string RealBroker::howToStart() const {

@@ -30,6 +30,13 @@ public:
     bool start() const;
     bool stop() const;
 
+    /**
+     * Runs the broker's control tool through its script ("ctl", RabbitMQ's
+     * rabbitmqctl), for example "list_queues name type"; its output goes to
+     * *output when given. True when it exited with 0.
+     */
+    bool control(const std::string& arguments, std::string* output = nullptr) const;
+
     /** What to tell a reader whose broker does not answer. */
     std::string howToStart() const;
 

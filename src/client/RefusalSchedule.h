@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TAVREN_INTERNAL_REFUSALSCHEDULE_H
+#define TAVREN_INTERNAL_REFUSALSCHEDULE_H
+
+#include "frames/ServerFrame.h"
+
+#include <chrono>
+#include <string>
+
+namespace tavren {
+namespace internal {
+
+/**
+ * Calm after a refusal: counts the connections in a row that the broker
+ * refused (an ERROR, then the end of the connection, or an ERROR answering
+ * CONNECT) or that ended within one reconnect period of their CONNECTED
+ * without having brought a message.
+ * After the first of them the next attempt waits a reconnect period; each
+ * further one doubles the wait, up to kRefusalBackoffCapMs. A connection
+ * that stood a full period starts the count again. Used under the engine
+ * lock.
+ */
+class RefusalSchedule {
+public:
+    /** A CONNECTED came now. */
+    void connected();
+    /**
+     * The connection that stood ended; refused when the broker sent an ERROR
+     * on it; byApplication when closeConnection ended it (never counted).
+     */
+    void ended(bool refused, bool byApplication, int periodMs);
+    /** A MESSAGE came on the connection that stands: it is no refusal, however short. */
+    void messageCame() { carried = true; }
+    /** The broker answered CONNECT with an ERROR. */
+    void refusedAtConnect() { ++inARow; }
+
+    /** The refused or short-lived connections in a row. */
+    int count() const { return inARow; }
+    /** The wait before the next attempt, without jitter: the period doubled for each one after the first. */
+    long long waitMs(int periodMs) const;
+
+private:
+    int inARow = 0;
+    bool carried = false;
+    std::chrono::steady_clock::time_point connectedAt;
+};
+
+/** The last ERROR the broker sent on a connection, and what it answered. */
+struct BrokerRefusal {
+    std::string reason;  // the "message" header and the body's first line; empty: no ERROR
+    std::string subject; // "the subscription to /queue/X", ...; empty when not known
+    /** Records frame (an ERROR); subject as above. */
+    void note(const ServerFrame& frame, const std::string& about);
+    bool any() const { return !reason.empty() || !subject.empty() || seen; }
+    void clear() { *this = BrokerRefusal(); }
+    bool seen = false;
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif
