@@ -114,6 +114,14 @@ const int kRefusalBackoffCapMs = 60 * 1000;
 // connection that stays open the answer stands as it came.
 const int kRefusalSettleMs = 250;
 
+// A connection that ends at most this long (milliseconds) after an ERROR is
+// taken as closed by the broker for that ERROR, a refusal. A broker that
+// refuses closes at once: the end follows within the same read, or a round
+// trip on a slow link. ActiveMQ answers an ACK it cannot match with an ERROR
+// and keeps the connection open, so a connection that ends later (the broker
+// stopped, the network went) was not refused.
+const int kRefusalCloseMs = 500;
+
 } // namespace internal
 } // namespace tavren
 

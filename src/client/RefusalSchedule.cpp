@@ -23,7 +23,9 @@ void RefusalSchedule::connected() {
 void RefusalSchedule::ended(bool refused, bool byApplication, int periodMs) {
     const long long stoodMs =
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - connectedAt).count();
-    if (stoodMs >= periodMs) inARow = 0;
+    // A refusal never starts the count again, however long the connection
+    // took to be refused (a slow link, a busy device).
+    if (stoodMs >= periodMs && !refused) inARow = 0;
     if (byApplication) return;
     if (refused || (stoodMs < periodMs && !carried)) ++inARow;
 }
@@ -36,8 +38,13 @@ long long RefusalSchedule::waitMs(int periodMs) const {
     return std::min(wait, cap);
 }
 
+bool BrokerRefusal::closedTheConnection() const {
+    return any() && std::chrono::steady_clock::now() - at <= std::chrono::milliseconds(kRefusalCloseMs);
+}
+
 void BrokerRefusal::note(const ServerFrame& frame, const std::string& about) {
     seen = true;
+    at = std::chrono::steady_clock::now();
     subject = about;
     auto message = frame.headers().find("message");
     reason = message == frame.headers().end() ? std::string() : message->second;

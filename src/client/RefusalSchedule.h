@@ -25,7 +25,7 @@ public:
     /** A CONNECTED came now. */
     void connected();
     /**
-     * The connection that stood ended; refused when the broker sent an ERROR
+     * The connection that stood ended; refused when the broker closed it for an ERROR
      * on it; byApplication when closeConnection ended it (never counted).
      */
     void ended(bool refused, bool byApplication, int periodMs);
@@ -52,8 +52,16 @@ struct BrokerRefusal {
     /** Records frame (an ERROR); subject as above. */
     void note(const ServerFrame& frame, const std::string& about);
     bool any() const { return !reason.empty() || !subject.empty() || seen; }
+    /**
+     * Whether the connection that ends now was closed for this ERROR: it
+     * came at most kRefusalCloseMs ago. A broker that answers a frame with an
+     * ERROR and keeps the connection open (ActiveMQ does for an ACK it
+     * cannot match) has not refused the connection when it ends later.
+     */
+    bool closedTheConnection() const;
     void clear() { *this = BrokerRefusal(); }
     bool seen = false;
+    std::chrono::steady_clock::time_point at; // when the ERROR came
 };
 
 } // namespace internal

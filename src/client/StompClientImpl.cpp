@@ -332,6 +332,9 @@ void StompClientImpl::eventConnect() {
 
 void StompClientImpl::eventDisconnect(bool error) {
     const bool stood = hasSession;
+    // Judged now, as the end is noticed: joining the listen thread below may
+    // wait for listeners that are still running.
+    const bool refused = brokerError.closedTheConnection();
     if (error) {
         logError("Disconnected!");
     } else {
@@ -343,7 +346,7 @@ void StompClientImpl::eventDisconnect(bool error) {
     joinListenThread();
     session.clean();
     hasSession = false;
-    if (stood) connectionEnded(!error);
+    if (stood) connectionEnded(!error, refused);
 }
 
 void StompClientImpl::eventDisconnectError() {

@@ -154,7 +154,7 @@ private:
     /** An ERROR came on this connection: remembers it for the end of the connection, and tells waiting subscribers. */
     void noteBrokerError(const ServerFrame& frame, const std::string& receiptId);
     /** A connection that stood ended; logs the broker's refusal, if any. */
-    void connectionEnded(bool byApplication);
+    void connectionEnded(bool byApplication, bool refused);
     /** Logs the refusal that ended the connection, if any, with the wait that follows (none when negative). */
     void logRefusal(long long waitMs);
     /** The wait before the attempt that follows a lost connection, since ms after the last attempt began. */

@@ -47,11 +47,11 @@ void StompClientImpl::noteBrokerError(const ServerFrame& frame, const std::strin
     }
 }
 
-void StompClientImpl::connectionEnded(bool byApplication) {
+void StompClientImpl::connectionEnded(bool byApplication, bool refused) {
     // Under the lock, once the connection that stood is gone. The refusal is
     // logged with the wait that follows it (connectAgain), or alone.
-    calm.ended(brokerError.any(), byApplication, std::max(1, reconnectPeriod));
-    if (brokerError.any() && !byApplication) {
+    calm.ended(refused, byApplication, std::max(1, reconnectPeriod));
+    if (refused && !byApplication) {
         const std::string reason = brokerError.reason.empty() ? "" : " (" + brokerError.reason + ")";
         const bool subscription = brokerError.subject.rfind("the subscription", 0) == 0;
         refusalLine = "The broker refused " + (brokerError.subject.empty() ? "a frame" : brokerError.subject) + reason +

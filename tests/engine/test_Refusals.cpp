@@ -186,6 +186,19 @@ TEST_F(Refusals, TheCountIsLoggedOncePerPeriodWhileTheOutageLasts) {
         log.waitFor("ERROR: " + std::to_string(sent) + " messages sent while disconnected were lost.", 1, 10000));
 }
 
+TEST_F(Refusals, AnErrorOnAConnectionThatStaysOpenIsNoRefusalWhenItEndsLater) {
+    // ActiveMQ answers an ACK it cannot match with an ERROR and keeps the
+    // connection: when the broker goes seconds later, that ERROR is not why.
+    const int periodMs = 100;
+    connect("1.2", periodMs);
+    letReconnectPeriodPass();
+    ASSERT_TRUE(broker.sendRaw(std::string("ERROR\nmessage:ACK received without a ack id\n\n") + '\0'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    log.clear();
+    broker.dropConnection();
+    ASSERT_TRUE(log.waitFor("INFO: Connected."));
+    EXPECT_EQ(log.countStartingWith("ERROR: The broker refused"), 0u);
+}
 } // namespace
 } // namespace test
 } // namespace tavren

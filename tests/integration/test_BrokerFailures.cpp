@@ -30,13 +30,30 @@ TEST_P(BrokerFailures, WrongPasscodeIsRefusedLoggedAndRetried) {
 
     const std::string refusal = "The Broker replied with an error. Broker replied: \n" + refusalBody(broker());
     ASSERT_TRUE(log.waitFor("ERROR: Reconnect failed with: " + refusal, 2, 10000));
-    const std::vector<std::string> lines = log.lines();
+    // Each refusal is followed by the line that gives the broker's reason and
+    // the wait before the next attempt, which grows after every refusal.
+    const std::string calmPrefix = "ERROR: The broker refused the connection";
+    std::vector<std::string> lines;
+    std::vector<std::string> calmLines;
+    for (const std::string& line : log.lines()) {
+        if (line.compare(0, calmPrefix.size(), calmPrefix) == 0) {
+            calmLines.push_back(line);
+            EXPECT_FALSE(lines.empty() || lines.back().compare(0, 7, "ERROR: ") != 0) << line;
+        } else {
+            lines.push_back(line);
+        }
+    }
     ASSERT_GE(lines.size(), 6u);
     EXPECT_EQ(
         std::vector<std::string>(lines.begin(), lines.begin() + 6),
         (std::vector<std::string>{"INFO: Attempting to connect...", "ERROR: Failed to connect on first try, " + refusal,
                                   "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal,
                                   "INFO: Retrying connect...", "ERROR: Reconnect failed with: " + refusal}));
+    ASSERT_GE(calmLines.size(), 2u);
+    for (const std::string& line : calmLines) {
+        EXPECT_NE(line.find(": the next attempt in "), std::string::npos) << line;
+        EXPECT_EQ(line.substr(line.size() - 4), " ms.") << line;
+    }
     EXPECT_FALSE(client->isConnected());
 }
 
@@ -88,7 +105,7 @@ TEST_P(BrokerFailures, ReconnectsAndSubscribesAgainByItselfAfterTheBrokerRestart
     if (std::chrono::steady_clock::now() - connectedAt > std::chrono::milliseconds(8000)) {
         ASSERT_TRUE(log.waitForPrefix("ERROR: Failed to connect on first try, ", 1, 30000));
     } else {
-        ASSERT_TRUE(log.waitForPrefix("INFO: Connecting again in ", 1, 30000));
+        ASSERT_TRUE(log.waitForPrefix("INFO: Connecting again in ", 1, 30000)) << ::testing::PrintToString(log.lines());
     }
     ASSERT_TRUE(log.waitFor("INFO: Retrying connect...", 1, 30000));
     ASSERT_TRUE(log.waitFor("ERROR: Reconnect failed with: The connection was refused.", 1, 30000));
