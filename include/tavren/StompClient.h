@@ -361,6 +361,26 @@ public:
     void setWorkerStackSize(size_t bytes);
 
     /**
+     * Asks for listeners to run on a fixed number of long-lived worker
+     * threads instead of a thread per message. In this version the request
+     * is checked and kept, but delivery still starts a thread per message.
+     *
+     * @param threads the number of worker threads; 1 or more
+     * @throws std::invalid_argument for fewer than 1 thread
+     * @throws std::logic_error after openConnection
+     */
+    void useWorkerPool(int threads);
+
+    /**
+     * Asks for the messages of one destination to reach its listener one at
+     * a time, in the broker's order. In this version the request is checked
+     * and kept, but delivery is unchanged.
+     *
+     * @throws std::logic_error after openConnection
+     */
+    void enableOrderedDelivery();
+
+    /**
      * Every connection of this client runs over TLS (1.2 or later), on the
      * same socket and within the same time-outs as plain TCP: the TLS
      * handshake shares the 5 s of the TCP connect. A handshake that fails
