@@ -38,13 +38,20 @@ ACKDELAY_RATE = float(os.environ.get("BENCH_ACKDELAY_RATE", "1000"))
 STALL = float(os.environ.get("BENCH_STALL_S", "10"))  # a receive without a new ACK for this long has failed
 ALL_WORKLOADS = ["send", "send-discard", "receive", "roundtrip", "ackdelay", "footprint", "backlog"]
 ONLY = [w for w in os.environ.get("BENCH_ONLY", "").split(",") if w] or ALL_WORKLOADS
-CLIENTS = ["floor", "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
+# libtavren a second, third and fourth time: on a worker pool of one and of
+# four threads (useWorkerPool), and on four with in-order delivery.
+POOL1, POOL4, POOL4_ORDERED = "libtavren pool(1)", "libtavren pool(4)", "libtavren pool(4)+ordered"
+POOLS = [POOL1, POOL4, POOL4_ORDERED]
+CLIENTS = ["floor", "libtavren"] + POOLS + ["stomp.py", "Net::Stomp", "ruby-stomp"]
 # The floor a second time, writing one frame per write, for the send workloads
 # only: the limit for a client whose send call puts its frame on the wire
 # before it returns (the batched floor is the limit of the socket).
 FLOOR1 = "floor (1 write per frame)"
 SEND_CLIENTS = ["floor", FLOOR1, "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
-CLIENT_ENV = {FLOOR1: {"FLOOR_BATCH": "1"}}
+CLIENT_ENV = {FLOOR1: {"FLOOR_BATCH": "1"},
+              POOL1: {"BENCH_TAVREN_POOL": "1"},
+              POOL4: {"BENCH_TAVREN_POOL": "4"},
+              POOL4_ORDERED: {"BENCH_TAVREN_POOL": "4", "BENCH_TAVREN_ORDERED": "1"}}
 OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp"]
 BACKLOG_CLIENTS = [c for c in os.environ.get("BENCH_BACKLOG_CLIENTS", "floor,libtavren").split(",") if c]
 BROKERS = {"rabbitmq": int(os.environ.get("TAVREN_RABBITMQ_PORT", "61623")),
@@ -54,7 +61,7 @@ BROKER_NAMES = {"rabbitmq": "RabbitMQ", "activemq": "ActiveMQ", "discard": "disc
 # refuses libtavren's 1.2 ACK (docs/brokers.md) and where 1.1 serves every client.
 VERSIONS = {"rabbitmq": "1.2", "activemq": "1.1", "discard": "1.2"}
 SHORT = {"floor": "floor", FLOOR1: "floor1", "libtavren": "tavren", "stomp.py": "stomppy", "Net::Stomp": "netstomp",
-         "ruby-stomp": "rubystomp"}
+         "ruby-stomp": "rubystomp", POOL1: "tavrenpool1", POOL4: "tavrenpool4", POOL4_ORDERED: "tavrenpool4o"}
 for w in ONLY:
     if w not in ALL_WORKLOADS:
         sys.exit("unknown workload %s (BENCH_ONLY)" % w)
@@ -74,6 +81,9 @@ def client_cmd(client, mode, port, version, q, n, extra=None):
         "floor": [os.path.join(BIN, "floor_client")],
         FLOOR1: [os.path.join(BIN, "floor_client")],  # with CLIENT_ENV
         "libtavren": [os.path.join(BIN, "tavren_client")],
+        POOL1: [os.path.join(BIN, "tavren_client")],  # with CLIENT_ENV
+        POOL4: [os.path.join(BIN, "tavren_client")],
+        POOL4_ORDERED: [os.path.join(BIN, "tavren_client")],
         "stomp.py": ["/usr/bin/python3", os.path.join(scripts, "stomp_py.py")],
         "Net::Stomp": ["/usr/bin/perl", os.path.join(scripts, "net_stomp.pl")],
         "ruby-stomp": ["/usr/bin/ruby", os.path.join(scripts, "ruby_stomp.rb")],

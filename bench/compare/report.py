@@ -12,7 +12,8 @@ import subprocess
 import sys
 import time
 
-CLIENTS = ["floor", "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
+CLIENTS = ["floor", "libtavren", "libtavren pool(1)", "libtavren pool(4)", "libtavren pool(4)+ordered", "stomp.py",
+           "Net::Stomp", "ruby-stomp"]
 # The floor writing one frame per write; measured for send and send-discard only.
 FLOOR1 = "floor (1 write per frame)"
 OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp"]
@@ -212,10 +213,13 @@ def machine():
 
 
 PLOT_TITLES = {"floor": "raw floor (C++)", FLOOR1: "raw floor, 1 write per frame", "libtavren": "libtavren",
-               "stomp.py": "stomp.py", "Net::Stomp": "Net::Stomp", "ruby-stomp": "ruby stomp gem"}
+               "stomp.py": "stomp.py", "Net::Stomp": "Net::Stomp", "ruby-stomp": "ruby stomp gem",
+               "libtavren pool(1)": "libtavren, pool of 1", "libtavren pool(4)": "libtavren, pool of 4",
+               "libtavren pool(4)+ordered": "libtavren, pool of 4, in order"}
 # Each client keeps its colour whether the per-frame floor is there or not; that one is a lighter floor.
 PLOT_COLOURS = {"floor": "lt 1", FLOOR1: "lc rgb '#c9a7eb'", "libtavren": "lt 2", "stomp.py": "lt 3",
-                "Net::Stomp": "lt 4", "ruby-stomp": "lt 5"}
+                "Net::Stomp": "lt 4", "ruby-stomp": "lt 5", "libtavren pool(1)": "lt 6", "libtavren pool(4)": "lt 7",
+                "libtavren pool(4)+ordered": "lt 8"}
 
 
 def plot(results, path):

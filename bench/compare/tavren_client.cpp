@@ -169,6 +169,11 @@ int main(int argc, char** argv) {
 
     FileLogger logger(std::getenv("BENCH_TAVREN_LOG"));
     tavren::StompClient* client = new tavren::StompClient(host, port, "guest", "guest", &logger, nullptr);
+    // The ways of delivery besides a thread per message (docs/receiving.md).
+    if (const char* pool = std::getenv("BENCH_TAVREN_POOL")) client->useWorkerPool(std::atoi(pool));
+    if (const char* ordered = std::getenv("BENCH_TAVREN_ORDERED")) {
+        if (std::string(ordered) == "1") client->enableOrderedDelivery();
+    }
     if (!connect(*client, version)) {
         std::fprintf(stderr, "libtavren did not connect within 30 s\n");
         return 1;

@@ -21,9 +21,11 @@ class StompClientImpl;
  * Receives the messages of one queue. Derive from it and register it with
  * StompClient::listenOnQueue.
  *
- * onMessage runs on a thread of its own for every message, so one listener
- * may be called on several threads at once; the library takes no lock around
- * it. Return 0 when the message was processed (the library then ACKs it) and
+ * onMessage runs on a thread of its own for every message (or on one of the
+ * threads of StompClient::useWorkerPool), so one listener may be called on
+ * several threads at once; the library takes no lock around it. With
+ * StompClient::enableOrderedDelivery a destination's calls come one at a
+ * time, in the broker's order. Return 0 when the message was processed (the library then ACKs it) and
  * anything else when it was not (the library NACKs it). The Message is valid
  * only during the call. A listener must stay alive as long as it is
  * registered, and must not call listenOnQueue or stopListeningOnQueue from

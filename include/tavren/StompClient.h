@@ -361,6 +361,41 @@ public:
     void setWorkerStackSize(size_t bytes);
 
     /**
+     * Runs listeners on a fixed number of long-lived worker threads instead
+     * of a thread started for each message. The threads start with each
+     * connection's listen thread and end with it; each MESSAGE goes to a
+     * free one. At most threads onMessage calls run at once (setMaxWorkers
+     * no longer applies) and reading from the broker pauses while all are
+     * busy. The ACK or NACK is written as soon as a call returns; the stack
+     * size set by setWorkerStackSize applies to the pool's threads. A
+     * listener that never returns blocks its thread for the rest of the
+     * connection (the others go on); when the connection ends, its message
+     * stays unacknowledged and the thread is left to end once the call
+     * returns. See docs/receiving.md for which delivery suits which listener.
+     *
+     * @param threads the number of worker threads; 1 or more
+     * @throws std::invalid_argument for fewer than 1 thread
+     * @throws std::logic_error after openConnection
+     */
+    void useWorkerPool(int threads);
+
+    /**
+     * Hands the messages of one destination to its listener one at a time,
+     * in the order the broker sent them; their ACKs and NACKs leave in that
+     * order. Different destinations still run at the same time, on threads
+     * of their own or on the pool of useWorkerPool. Each SUBSCRIBE then asks
+     * the broker to keep at most 128 of the subscription's messages
+     * unacknowledged (the headers "prefetch-count" for RabbitMQ and
+     * "activemq.prefetchSize" for ActiveMQ, both always), so a listener
+     * that is slow on one queue leaves the others flowing; listenOnQueue
+     * refuses these two headers. A broker that sends beyond the bound is
+     * read no further until the listener has taken a message.
+     *
+     * @throws std::logic_error after openConnection
+     */
+    void enableOrderedDelivery();
+
+    /**
      * Every connection of this client runs over TLS (1.2 or later), on the
      * same socket and within the same time-outs as plain TCP: the TLS
      * handshake shares the 5 s of the TCP connect. A handshake that fails

@@ -39,6 +39,19 @@ const size_t kLeastWorkerStackSize = 1024 * 1024;
 const size_t kLeastWorkerStackSize = 0; // the system's minimum applies
 #endif
 
+// With enableOrderedDelivery, each SUBSCRIBE asks the broker to keep at most
+// this many of the subscription's messages unacknowledged (RabbitMQ's
+// prefetch-count, ActiveMQ's activemq.prefetchSize), and the library keeps
+// no more than this many of a destination's messages waiting for its
+// listener; reading pauses only when a broker sends beyond it. Both brokers
+// hold the bound per subscription, so a listener that sleeps on one queue
+// leaves the others flowing. The bound must cover the time an ACK takes to
+// reach the broker and the next message to come back: at 10 µs a message a
+// loopback round trip of 100 to 300 µs is 10 to 30 messages, so 128 keeps a
+// busy queue's listener fed with room to spare, and 128 messages of a few
+// hundred bytes per destination cost little memory on a device.
+const size_t kOrderedPrefetch = 128;
+
 // Worker stacks kept mapped for reuse beyond those in use: twice the default
 // bound, so a raised bound still reuses most of them. At the default size
 // that is at most 8 MiB of address space; only the pages listeners touched

@@ -62,6 +62,10 @@ void StompClient::setMaxWorkers(int count) { impl->setMaxWorkers(count); }
 
 void StompClient::setWorkerStackSize(size_t bytes) { impl->setWorkerStackSize(bytes); }
 
+void StompClient::useWorkerPool(int threads) { impl->useWorkerPool(threads); }
+
+void StompClient::enableOrderedDelivery() { impl->enableOrderedDelivery(); }
+
 void StompClient::useTls(const TlsOptions& options) { impl->useTls(options); }
 
 void StompClient::enableHeartbeats() { impl->enableHeartbeats(); }

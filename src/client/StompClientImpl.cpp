@@ -461,6 +461,17 @@ void StompClientImpl::setMaxWorkers(int count) { maxWorkers = count < 1 ? 1 : co
 
 void StompClientImpl::setWorkerStackSize(size_t bytes) { workerStackSize = bytes; }
 
+void StompClientImpl::useWorkerPool(int threads) {
+    requireNotOpened("useWorkerPool");
+    if (threads < 1) throw std::invalid_argument("useWorkerPool needs at least 1 thread.");
+    poolThreads = threads;
+}
+
+void StompClientImpl::enableOrderedDelivery() {
+    requireNotOpened("enableOrderedDelivery");
+    orderedDelivery = true;
+}
+
 void StompClientImpl::logInfo(const std::string& message) { logger->safe_log_info(message); }
 
 void StompClientImpl::logError(const std::string& message) { logger->safe_log_error(message); }

@@ -112,6 +112,9 @@ public:
     /** The bound on running workers and their stack size; read by the listen thread for each message. */
     void setMaxWorkers(int count);
     void setWorkerStackSize(size_t bytes);
+    /** Kept for the listen thread; both refused once openConnection was called. */
+    void useWorkerPool(int threads);
+    void enableOrderedDelivery();
 
     void logInfo(const std::string& message);
     void logError(const std::string& message);
@@ -208,6 +211,8 @@ private:
     WorkerStacks workerStacks; // the stacks message workers run on; outlives every worker but abandoned ones
     std::atomic<int> maxWorkers;
     std::atomic<size_t> workerStackSize;
+    int poolThreads = 0; // 0: a thread per message
+    bool orderedDelivery = false;
     // Reconnecting: when the last attempt to connect began, so that a
     // connection lost again soon after waits for the timer instead of
     // trying at once; and the source of the retries' jitter.

@@ -7,6 +7,7 @@
 #include "client/StompClientImpl.h"
 
 #include "client/Defaults.h"
+#include "client/WorkerPool.h"
 #include "client/WorkerStacks.h"
 #include "frames/AckFrame.h"
 #include "transport/AprException.h"
@@ -21,9 +22,12 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <limits.h>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -42,6 +46,14 @@ const int kFramesPerPass = 64;
 std::string headerOrEmpty(const ServerFrame& frame, const char* name) {
     auto it = frame.headers().find(name);
     return it == frame.headers().end() ? std::string() : it->second;
+}
+
+// The stack a worker gets for wanted bytes: whole pages, and no less than the
+// system allows.
+size_t workerStackBytes(size_t wanted) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t least = std::max(static_cast<size_t>(PTHREAD_STACK_MIN), kLeastWorkerStackSize);
+    return ((wanted < least ? least : wanted) + page - 1) / page * page;
 }
 
 } // namespace
@@ -85,10 +97,20 @@ private:
     /** Logs line, drops the connection and has it made again (unless the engine stopped this thread). */
     void giveUp(const std::string& line);
     void readAndDispatch();
-    bool full() const { return waiting || static_cast<int>(workers.size()) >= engine->maxWorkers; }
+    /** At most this many listener calls run at once: the pool's threads, else the bound on workers. */
+    int bound() const { return pool ? pool->size() : engine->maxWorkers.load(); }
+    bool full() const;
     void dispatch(ServerFrame* frame);
     void dispatchMessage(ServerFrame* frame);
     bool startWorker(Listener::WorkerData* data);
+    /** In-order delivery: starts the first waiting message of every destination without a running call. */
+    void startReady();
+    /** In-order delivery: the destinations whose call was settled may start their next. */
+    void settled(const std::vector<std::string>& destinations);
+    /** The pool's answers, into the records of workers. */
+    void collectAnswers();
+    /** When resolving: drops the messages no call was started for; they stay unacknowledged. */
+    void dropUnstarted();
     tavren::Listener* listenerFor(const std::string& destination) const;
     void deliverResult(ServerFrame* frame);
     void reapFinished();
@@ -119,6 +141,14 @@ private:
     const bool heartbeating;                           // in either direction
     // When reading last paused because every worker was busy, if it ever did.
     std::optional<std::chrono::steady_clock::time_point> readingPausedAt;
+    // With useWorkerPool: the threads that run the calls; null with a thread per message.
+    std::unique_ptr<WorkerPool> pool;
+    std::vector<WorkerPool::Answer> answers; // scratch for collecting
+    // With enableOrderedDelivery: the messages of each destination waiting for
+    // its running call, in the broker's order, and the destinations with one.
+    const bool ordered;
+    std::map<std::string, std::deque<Listener::WorkerData*>> inOrder;
+    std::set<std::string> running;
 };
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
@@ -130,13 +160,27 @@ StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
       wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       waiting(nullptr),
       agreed(e->agreed),
-      heartbeating(agreed.sendEveryMs > 0 || agreed.expectEveryMs > 0) {
+      heartbeating(agreed.sendEveryMs > 0 || agreed.expectEveryMs > 0),
+      ordered(e->orderedDelivery) {
     pthread_attr_init(&workerAttributes);
+    if (e->poolThreads > 0) {
+        pool.reset(new WorkerPool(e->poolThreads, e->workerStacks, workerStackBytes(e->workerStackSize), wakeFd));
+        if (pool->size() < e->poolThreads) {
+            e->logError("Could only start " + std::to_string(pool->size()) + " of " + std::to_string(e->poolThreads) +
+                        " worker pool threads" +
+                        (pool->size() == 0 ? "; a thread is started for each message instead." : "."));
+        }
+        if (pool->size() == 0) pool.reset();
+    }
 }
 
 StompClientImpl::ListenLoop::~ListenLoop() {
     // Every worker has been joined or abandoned by now, and an abandoned one
-    // does not write to the descriptor.
+    // does not write to the descriptor; nor does a stopped pool.
+    pool.reset();
+    for (auto& waitingOfOne : inOrder) {
+        for (Listener::WorkerData* data : waitingOfOne.second) delete data;
+    }
     if (wakeFd >= 0) ::close(wakeFd);
     pthread_attr_destroy(&workerAttributes);
 }
@@ -176,6 +220,7 @@ void StompClientImpl::ListenLoop::run() {
             if (readable || waiting) readAndDispatch();
             unlockEngine();
             if (!workers.empty()) reapFinished();
+            if (ordered && !inOrder.empty()) startReady(); // a worker that could not be started before
         } catch (AprException& e) {
             std::ostringstream line;
             line << "while trying to listen for messages. Error " << e.apr_reason() << ": " << e.what();
@@ -188,6 +233,16 @@ void StompClientImpl::ListenLoop::run() {
     }
 }
 
+bool StompClientImpl::ListenLoop::full() const {
+    if (!ordered) return waiting || static_cast<int>(workers.size()) >= bound();
+    // In order, messages wait in their destination's queue; only a broker
+    // that sends beyond the bound it was asked for fills one.
+    for (const auto& waitingOfOne : inOrder) {
+        if (waitingOfOne.second.size() >= kOrderedPrefetch) return true;
+    }
+    return false;
+}
+
 bool StompClientImpl::ListenLoop::waitForWork() {
     if (stopRequested()) return false;
     // At the bound the socket is left alone: the broker's frames wait there,
@@ -196,8 +251,14 @@ bool StompClientImpl::ListenLoop::waitForWork() {
     if (!watchSocket && !waiting && !boundReported) {
         // Once a connection: under a steady stream the bound is met often.
         boundReported = true;
-        engine->logInfo("All " + std::to_string(workers.size()) +
-                        " message workers are busy: reading from the broker pauses until one finishes.");
+        if (ordered) {
+            engine->logInfo("A destination has " + std::to_string(kOrderedPrefetch) +
+                            " messages waiting for its listener, more than it asked the broker for: reading "
+                            "from the broker pauses until its listener takes one.");
+        } else {
+            engine->logInfo("All " + std::to_string(workers.size()) +
+                            " message workers are busy: reading from the broker pauses until one finishes.");
+        }
     }
     int timeoutMs = kListenWaitMs;
     // Without an eventfd, finished workers are looked for every millisecond.
@@ -283,6 +344,11 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
     data->listener = listener;
     data->frame.reset(message.release());
     data->wakeFd = wakeFd;
+    if (ordered) {
+        inOrder[name].push_back(data);
+        startReady();
+        return;
+    }
     if (!startWorker(data)) {
         // The message keeps its place: nothing more is read until a worker
         // can be started for it, on a later pass.
@@ -291,11 +357,12 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
 }
 
 bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
-    // Whole pages, and no less than the system allows.
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t least = std::max(static_cast<size_t>(PTHREAD_STACK_MIN), kLeastWorkerStackSize);
-    const size_t wanted = engine->workerStackSize;
-    const size_t size = ((wanted < least ? least : wanted) + page - 1) / page * page;
+    if (pool) {
+        pool->hand(data);
+        workers.push_back(Worker{data, WorkerStacks::Stack(), false, nullptr});
+        return true;
+    }
+    const size_t size = workerStackBytes(engine->workerStackSize);
     WorkerStacks::Stack stack;
     int rc = ENOMEM;
     if (engine->workerStacks.take(size, &stack)) {
@@ -312,6 +379,29 @@ bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
     }
     workers.push_back(Worker{data, stack, false, nullptr});
     return true;
+}
+
+void StompClientImpl::ListenLoop::startReady() {
+    for (auto it = inOrder.begin(); it != inOrder.end() && static_cast<int>(workers.size()) < bound();) {
+        if (it->second.empty() || running.count(it->first)) {
+            ++it;
+            continue;
+        }
+        if (!startWorker(it->second.front())) return; // tried again on the next pass
+        running.insert(it->first);
+        it->second.pop_front();
+        // A destination with nothing waiting keeps no entry.
+        if (it->second.empty()) {
+            it = inOrder.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void StompClientImpl::ListenLoop::settled(const std::vector<std::string>& destinations) {
+    for (const std::string& destination : destinations) running.erase(destination);
+    startReady();
 }
 
 tavren::Listener* StompClientImpl::ListenLoop::listenerFor(const std::string& destination) const {
@@ -378,12 +468,20 @@ void StompClientImpl::ListenLoop::reapFinished() {
     // that finishes after this is seen below or wakes the next wait.
     drainWakeUps();
     finished.clear();
-    for (size_t i = 0; i < workers.size(); ++i) {
-        Listener::WorkerData* data = workers[i].data;
-        pthread_mutex_lock(data->mutex);
-        const bool done = data->done;
-        pthread_mutex_unlock(data->mutex);
-        if (done) finished.push_back(i);
+    if (pool) {
+        // A call is finished once the pool has published its answer.
+        collectAnswers();
+        for (size_t i = 0; i < workers.size(); ++i) {
+            if (workers[i].joined) finished.push_back(i);
+        }
+    } else {
+        for (size_t i = 0; i < workers.size(); ++i) {
+            Listener::WorkerData* data = workers[i].data;
+            pthread_mutex_lock(data->mutex);
+            const bool done = data->done;
+            pthread_mutex_unlock(data->mutex);
+            if (done) finished.push_back(i);
+        }
     }
     if (finished.empty()) return;
     // A done worker touches its record no more; joining it at once lets the
@@ -409,6 +507,7 @@ void StompClientImpl::ListenLoop::reapFinished() {
     unlockEngine();
     // The settled ones leave the list; when the write failed, those it
     // carried stay in it (the ones that could not be answered are settled).
+    std::vector<std::string> destinations;
     size_t next = 0, kept = 0;
     for (size_t i = 0; i < workers.size(); ++i) {
         if (next < finished.size() && finished[next] == i) {
@@ -417,6 +516,7 @@ void StompClientImpl::ListenLoop::reapFinished() {
                 ++next;
                 continue;
             }
+            if (ordered) destinations.push_back(headerOrEmpty(*workers[i].data->frame, "destination"));
             release(workers[i]);
             ++next;
         } else {
@@ -425,6 +525,44 @@ void StompClientImpl::ListenLoop::reapFinished() {
     }
     workers.resize(kept);
     if (rc != 0) throw AprException(rc);
+    // In order: a destination's next call starts only once the answer to its
+    // last has been written, so its ACKs and NACKs leave in the broker's order.
+    if (ordered) settled(destinations);
+}
+
+void StompClientImpl::ListenLoop::collectAnswers() {
+    answers.clear();
+    pool->collect(&answers);
+    for (const WorkerPool::Answer& answer : answers) {
+        for (Worker& worker : workers) {
+            if (worker.data != answer.first) continue;
+            worker.exitValue = answer.second;
+            worker.joined = true;
+            break;
+        }
+    }
+}
+
+void StompClientImpl::ListenLoop::dropUnstarted() {
+    std::vector<Listener::WorkerData*> unstarted;
+    if (pool) unstarted = pool->withdraw();
+    for (auto& waitingOfOne : inOrder) {
+        unstarted.insert(unstarted.end(), waitingOfOne.second.begin(), waitingOfOne.second.end());
+    }
+    inOrder.clear();
+    running.clear();
+    if (unstarted.empty()) return;
+    engine->logInfo(std::to_string(unstarted.size()) +
+                    " received messages had no listener call started before the connection ended; they are "
+                    "left unacknowledged.");
+    size_t kept = 0;
+    for (size_t i = 0; i < workers.size(); ++i) {
+        if (std::find(unstarted.begin(), unstarted.end(), workers[i].data) == unstarted.end()) {
+            workers[kept++] = workers[i];
+        }
+    }
+    workers.resize(kept);
+    for (Listener::WorkerData* data : unstarted) delete data;
 }
 
 bool StompClientImpl::ListenLoop::awaitDone(Worker& worker, unsigned graceUs) {
@@ -460,7 +598,8 @@ bool StompClientImpl::ListenLoop::awaitDone(Worker& worker, unsigned graceUs) {
     // The worker now owns its record and deletes it when done; the engine
     // joins its thread once it has ended, and only then reuses its stack.
     data->abandoned = true;
-    engine->workerStacks.adopt(*data->thread, worker.stack);
+    // A pool thread is left to the pool, which leaves it to the stacks.
+    if (!pool) engine->workerStacks.adopt(*data->thread, worker.stack);
     pthread_mutex_unlock(data->mutex);
     return false;
 }
@@ -476,6 +615,7 @@ void StompClientImpl::ListenLoop::resolve() {
         delete waiting;
         waiting = nullptr;
     }
+    dropUnstarted();
     for (Worker& worker : workers) {
         Listener::WorkerData* data = worker.data;
         if (!worker.joined && !awaitDone(worker, kWorkerGraceUs)) continue; // abandoned: the record is the worker's
@@ -491,10 +631,18 @@ void StompClientImpl::ListenLoop::resolve() {
         release(worker);
     }
     workers.clear();
+    // Idle pool threads end now; one still in a call ends once it returns.
+    if (pool) pool->stop();
 }
 
 void StompClientImpl::ListenLoop::join(Worker& worker) {
     if (worker.joined) return;
+    if (pool) {
+        // Marked done: its answer is being published.
+        worker.exitValue = pool->takeAnswer(worker.data);
+        worker.joined = true;
+        return;
+    }
     void* exitValue = nullptr;
     pthread_join(*worker.data->thread, &exitValue);
     worker.exitValue = static_cast<int*>(exitValue);

@@ -136,6 +136,11 @@ void StompClientImpl::registerUntil(const std::string& destination, tavren::List
     SubscribeFrame frame(destination, SubscribeFrame::CLIENT_INDIVIDUAL);
     auto headers = subscribeHeaders.find(destination);
     if (headers != subscribeHeaders.end()) frame.addHeaders(headers->second);
+    if (orderedDelivery) {
+        // Both brokers' names: each reads its own and ignores the other's.
+        const std::string bound = std::to_string(kOrderedPrefetch);
+        frame.addHeaders(HeaderMap{{"prefetch-count", bound}, {"activemq.prefetchSize", bound}});
+    }
     frame.requestReceipt();
     kelvra::threads::CondVar cond;
     FrameResult result(&cond);

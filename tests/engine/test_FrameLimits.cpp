@@ -183,6 +183,10 @@ TEST_F(SettingsBeforeOpen, ThrowAfterOpenConnectionAndChangeNothing) {
               thrownBy([&] { client->enableHeartbeats(); }));
     EXPECT_EQ("std::logic_error: addFailoverBroker must be called before openConnection.",
               thrownBy([&] { client->addFailoverBroker("127.0.0.1", 1); }));
+    EXPECT_EQ("std::logic_error: useWorkerPool must be called before openConnection.",
+              thrownBy([&] { client->useWorkerPool(4); }));
+    EXPECT_EQ("std::logic_error: enableOrderedDelivery must be called before openConnection.",
+              thrownBy([&] { client->enableOrderedDelivery(); }));
 
     EXPECT_EQ(linesBefore, log.lines()) << "nothing is logged";
     EXPECT_TRUE(client->isConnected());
@@ -192,6 +196,14 @@ TEST_F(SettingsBeforeOpen, ThrowAfterOpenConnectionAndChangeNothing) {
     ASSERT_TRUE(listener.waitFinished(1));
     EXPECT_EQ(value, listener.received().at(0).headers.at("k"));
     EXPECT_EQ(1, broker.connectionCount());
+}
+
+TEST_F(SettingsBeforeOpen, WorkerPoolNeedsAtLeastOneThread) {
+    makeClient();
+    EXPECT_THROW(client->useWorkerPool(0), std::invalid_argument);
+    EXPECT_THROW(client->useWorkerPool(-3), std::invalid_argument);
+    EXPECT_NO_THROW(client->useWorkerPool(1));
+    EXPECT_NO_THROW(client->enableOrderedDelivery());
 }
 
 } // namespace

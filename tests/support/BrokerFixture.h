@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -127,8 +128,22 @@ protected:
 
     /** A client of the broker logging in as guest (or with passcode); port 0 is the broker's own. */
     std::unique_ptr<StompClient> newClient(CapturingLogger& log, const std::string& passcode = "guest", int port = 0) {
-        return std::unique_ptr<StompClient>(
+        std::unique_ptr<StompClient> client(
             new StompClient("127.0.0.1", port ? port : broker().port(), "guest", passcode, &log, nullptr));
+        if (poolAndOrderedFromEnvironment()) {
+            client->useWorkerPool(4);
+            client->enableOrderedDelivery();
+        }
+        return client;
+    }
+
+    /**
+     * TAVREN_IT_POOL_ORDERED=1 runs the suite once more with every client of
+     * newClient on a pool of four threads with in-order delivery.
+     */
+    static bool poolAndOrderedFromEnvironment() {
+        const char* value = getenv("TAVREN_IT_POOL_ORDERED");
+        return value && std::string(value) == "1";
     }
 
     /** Opens client's connection with the case's version; true when it stands. */

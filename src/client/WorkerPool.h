@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef TAVREN_INTERNAL_WORKERPOOL_H
+#define TAVREN_INTERNAL_WORKERPOOL_H
+
+#include "client/WorkerStacks.h"
+
+#include <tavren/Listener.h>
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace tavren {
+namespace internal {
+
+/**
+ * A fixed number of long-lived threads that run listener calls, for one
+ * connection (StompClient::useWorkerPool). The listen thread hands each
+ * record to the pool; a free thread calls its listener and publishes the
+ * answer, then wakes the listen thread through its eventfd.
+ *
+ * A record keeps the life it has with a thread of its own: the listen
+ * thread may abandon it (Listener::WorkerData::abandoned) when its call does
+ * not return in time, and the pool thread then deletes it once the call has
+ * ended. stop() ends the idle threads at once and leaves a thread still in a
+ * call to the stacks (WorkerStacks::adopt), which join it once it has ended:
+ * a listener that never returns blocks one thread, not the close.
+ */
+class WorkerPool {
+public:
+    /** A record and the listener's answer (a heap int, owned by the taker). */
+    using Answer = std::pair<Listener::WorkerData*, int*>;
+
+    /** Starts up to threads threads on stacks of stackSize bytes; wakeFd (or -1) is written once per answer. */
+    WorkerPool(int threads, WorkerStacks& stacks, size_t stackSize, int wakeFd);
+    /** stop(), and deletes the records handed but never started. */
+    ~WorkerPool();
+    WorkerPool(const WorkerPool&) = delete;
+    WorkerPool& operator=(const WorkerPool&) = delete;
+
+    /** The threads that could be started (possibly fewer than asked, 0 when none). */
+    int size() const { return static_cast<int>(threads.size()); }
+    /** Queues a record for the next free thread. */
+    void hand(Listener::WorkerData* data);
+    /** Moves the answers published since the last call into out. */
+    void collect(std::vector<Answer>* out);
+    /** The answer to data, once published: for a record marked done, whose answer follows at once. */
+    int* takeAnswer(Listener::WorkerData* data);
+    /** No more calls start; the records handed but not started are given back (no call, no answer). */
+    std::vector<Listener::WorkerData*> withdraw();
+    /** Ends the threads: idle ones are joined, those still in a call left to the stacks. */
+    void stop();
+
+private:
+    struct Shared;
+    struct Thread {
+        pthread_t id;
+        WorkerStacks::Stack stack;
+        size_t index;
+    };
+    struct Start {
+        std::shared_ptr<Shared> shared;
+        size_t index;
+    };
+    static void* threadBody(void* arg);
+
+    std::shared_ptr<Shared> shared; // also held by every thread, which may outlive the pool
+    WorkerStacks& stacks;
+    std::vector<Thread> threads;
+    bool stopped;
+};
+
+} // namespace internal
+} // namespace tavren
+
+#endif
