@@ -58,9 +58,25 @@ for baseline in "${baselines[@]}"; do
   # incompatible change). Without the added functions and variables
   # (--no-added-syms), and after the suppressions, any change left is to
   # something a release exported.
-  rc=0
+  rc=0 virtuals=""
   abidiff --no-added-syms --suppressions "$suppressions" "$baseline" "$library" >"$dir/abidiff-$name.txt" 2>&1 || rc=$?
+  # abidiff counts a virtual function replaced in the same slot of the vtable
+  # (a changed parameter of Listener::onMessage, say) among the harmless
+  # changes it leaves out by default: with --harmless it lists the virtual
+  # functions a class lost or gained, and any of those breaks the classes
+  # applications derive from and the calls through their slots.
   if [ "$rc" = 0 ]; then
+    abidiff --harmless --no-added-syms --suppressions "$suppressions" "$baseline" "$library" \
+      >"$dir/abidiff-harmless-$name.txt" 2>&1 || true
+    virtuals=$(grep 'virtual at voffset' "$dir/abidiff-harmless-$name.txt" | sed 's/^ */  /' | awk '!seen[$0]++' || true)
+  fi
+  if [ -n "$virtuals" ]; then
+    echo "Virtual functions removed from or added to a class of ${name%.abi} (abidiff --harmless):"
+    echo "$virtuals"
+    echo "check-abi: INCOMPATIBLE with ${name%.abi} while the soname is still $soname (a changed vtable);" \
+      "see CONTRIBUTING.md, \"The ABI of libtavren.so.1\"" >&2
+    status=1
+  elif [ "$rc" = 0 ]; then
     added=$(abidiff --suppressions "$suppressions" "$baseline" "$library" 2>&1 |
       sed -n 's/.*Functions changes summary: .*, \([0-9]*\) Added.*/\1/p' || true)
     echo "check-abi: compatible with ${name%.abi} (${added:-0} functions added)"
