@@ -11,6 +11,14 @@ install(EXPORT tavrenTargets
   NAMESPACE tavren::
   DESTINATION ${TAVREN_CMAKE_DIR}
   COMPONENT dev)
+# What tavrenConfig.cmake must find again: a static libtavren.a leaves its
+# private dependencies (OpenSSL, and SQLite for file outboxes) to the
+# application's link as well.
+set(TAVREN_PACKAGE_STATIC OFF)
+if(TAVREN_LIBRARY_TYPE STREQUAL "STATIC")
+  set(TAVREN_PACKAGE_STATIC ON)
+endif()
+set(TAVREN_PACKAGE_FILE_OUTBOX ${TAVREN_FILE_OUTBOX})
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tavrenConfig.cmake.in
   ${PROJECT_BINARY_DIR}/tavrenConfig.cmake
   INSTALL_DESTINATION ${TAVREN_CMAKE_DIR})
@@ -45,6 +53,13 @@ else()
   file(RELATIVE_PATH _tavren_up "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
   string(REGEX REPLACE "/$" "" _tavren_up "${_tavren_up}")
   set(TAVREN_PC_PREFIX "\${pcfiledir}/${_tavren_up}")
+endif()
+set(TAVREN_PC_REQUIRES_PRIVATE "apr-1 uuid")
+if(TAVREN_PACKAGE_STATIC)
+  string(APPEND TAVREN_PC_REQUIRES_PRIVATE " libssl libcrypto")
+  if(TAVREN_FILE_OUTBOX)
+    string(APPEND TAVREN_PC_REQUIRES_PRIVATE " sqlite3")
+  endif()
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tavren.pc.in ${PROJECT_BINARY_DIR}/tavren.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tavren.pc

@@ -25,6 +25,9 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# shellcheck source=brokers/stand-in.sh
+source "$root/scripts/brokers/stand-in.sh"
+
 fail() { echo "check-packages: $*" >&2; exit 1; }
 
 # Runs a command and checks its exit status.
@@ -58,12 +61,7 @@ pkg-config --exists tavren || fail "pkg-config does not know tavren"
 echo "pkg-config: tavren $(pkg-config --modversion tavren): $(pkg-config --cflags --libs tavren)"
 
 echo "== Starting the stand-in broker"
-g++ -std=c++17 -O2 -Wall -Wextra -pthread "$root/examples/fake_broker.cpp" -o "$work/fake_broker"
-"$work/fake_broker" 0 "$work/port" >"$work/broker.log" 2>&1 &
-broker_pid=$!
-for _ in $(seq 100); do [ -s "$work/port" ] && break; sleep 0.05; done
-port=$(cat "$work/port")
-[ -n "$port" ] || fail "the stand-in broker did not start"
+start_stand_in_broker
 
 echo "== A consumer through find_package(tavren)"
 cmake -S "$root/tests/consumer" -B "$work/consumer-cmake" -DCMAKE_BUILD_TYPE=Release >/dev/null
