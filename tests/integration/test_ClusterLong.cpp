@@ -172,9 +172,29 @@ public:
             }
         });
     }
+    /** Waits until the sender has sent all it was asked to. */
+    void finishSending() {
+        if (sender.joinable()) sender.join();
+    }
     void stopSending() {
         stop = true;
         if (sender.joinable()) sender.join();
+    }
+
+    /** Writes down what happened when (ms after the start), for events(). */
+    void note(const std::string& what) {
+        std::lock_guard<std::mutex> lock(eventsMutex);
+        happened += " " + std::to_string(msSince(started)) + " ms: " + what + ";";
+    }
+    std::string events() {
+        std::lock_guard<std::mutex> lock(eventsMutex);
+        return "events:" + happened;
+    }
+    /** Starts node n again (rabbitmq-cluster.sh restart), noted. */
+    bool restart(int n) {
+        const bool ok = RealCluster::restart(n);
+        note("node " + std::to_string(n) + (ok ? " back" : " failed to come back"));
+        return ok;
     }
 
     /** Messages the broker confirmed, never more than it did. */
@@ -188,10 +208,13 @@ public:
      * accepted after the kill is confirmed, and until it is received.
      */
     Recovery crash(int n, long limitMs) {
+        Recovery recovery{n, -1, -1};
+        // Counted from when the node is gone (the script returns once its VM
+        // has ended): what is accepted from then on needs another node.
+        if (!RealCluster::kill(n)) return recovery;
         const int sentAtKill = sent;
         const Clock::time_point killed = Clock::now();
-        Recovery recovery{n, -1, -1};
-        if (!RealCluster::kill(n)) return recovery;
+        note("node " + std::to_string(n) + " killed at message " + std::to_string(sentAtKill));
         Clock::time_point at;
         while (msSince(killed) < limitMs && (recovery.confirmedMs < 0 || recovery.receivedMs < 0)) {
             if (recovery.confirmedMs < 0 && confirmed() > sentAtKill) recovery.confirmedMs = msSince(killed);
@@ -240,12 +263,56 @@ public:
         return "";
     }
 
+    /**
+     * The messages whose first arrival came after that of a higher number:
+     * how many, the lowest and highest, and when the first and last of them
+     * came (ms after start).
+     */
+    std::string late() {
+        std::map<int, bool> seen;
+        int highest = -1, count = 0, low = 0, high = 0;
+        long first = -1, last = -1;
+        for (const Arrival& a : listener.all()) {
+            if (!seen.emplace(a.number, true).second) continue;
+            if (a.number < highest) {
+                const long at =
+                    static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(a.at - started).count());
+                if (count == 0) low = high = a.number, first = at;
+                low = std::min(low, a.number);
+                high = std::max(high, a.number);
+                last = at;
+                ++count;
+            }
+            highest = std::max(highest, a.number);
+        }
+        return std::to_string(count) + " late, numbers " + std::to_string(low) + " to " + std::to_string(high) +
+               ", arrived from " + std::to_string(first) + " to " + std::to_string(last) + " ms";
+    }
+
+    /** The numbers below count that never arrived, as ranges "a-b". */
+    std::string missing(int count) {
+        std::vector<bool> seen(static_cast<size_t>(count), false);
+        for (const Arrival& a : listener.all()) {
+            if (a.number >= 0 && a.number < count) seen[static_cast<size_t>(a.number)] = true;
+        }
+        std::string ranges;
+        for (int i = 0; i < count; ++i) {
+            if (seen[static_cast<size_t>(i)]) continue;
+            int j = i;
+            while (j + 1 < count && !seen[static_cast<size_t>(j + 1)]) ++j;
+            ranges += " " + std::to_string(i) + "-" + std::to_string(j);
+            i = j;
+        }
+        return ranges;
+    }
+
     void printLogs() const {
         for (const std::string& line : producerLog.lines()) std::printf("producer: %s\n", line.c_str());
         for (const std::string& line : consumerLog.lines()) std::printf("consumer: %s\n", line.c_str());
     }
 
     const std::string queue;
+    const Clock::time_point started = Clock::now();
     NodeTrackingLogger producerLog;
     NodeTrackingLogger consumerLog;
     ArrivalListener listener;
@@ -270,6 +337,8 @@ private:
     std::pair<std::string, std::string> heartbeat;
     std::thread sender;
     std::atomic<bool> stop{false};
+    std::mutex eventsMutex;
+    std::string happened;
 };
 
 /** Resident memory (kB) and threads of this process. */
@@ -307,21 +376,24 @@ TEST_F(Cluster, NothingIsLostWhenTheProducersAndThenTheConsumersNodeIsKilled) {
     // started again before the next crash: with two of three nodes down a
     // quorum queue stops (no majority), by design.
     const Recovery first = run.crash(run.producerLog.node(), 60000);
-    EXPECT_TRUE(RealCluster::restart(first.node));
+    EXPECT_TRUE(run.restart(first.node));
     while (run.sent < 12000) usleep(20 * 1000);
     const Recovery second = run.crash(run.consumerLog.node(), 60000);
-    EXPECT_TRUE(RealCluster::restart(second.node));
-    run.stopSending();
+    EXPECT_TRUE(run.restart(second.node));
+    run.finishSending();
+    ASSERT_EQ(run.sent, total);
 
     EXPECT_TRUE(run.producer->waitForConfirmations(120000)) << run.producer->pendingMessages() << " not confirmed";
     const Clock::time_point until = Clock::now() + std::chrono::seconds(120);
     while (static_cast<int>(run.tally().firsts.size()) < total && Clock::now() < until) usleep(100 * 1000);
     const ClusterRun::Tally got = run.tally();
-    EXPECT_EQ(ClusterRun::checkInOrder(got, total), "");
+    EXPECT_EQ(ClusterRun::checkInOrder(got, total), "")
+        << "missing:" << run.missing(total) << "; " << run.late() << "; " << run.events();
     EXPECT_EQ(got.foreignDuplicates, 0) << "a message came twice under different tavren-ids";
 
     std::string queues;
-    EXPECT_TRUE(RealCluster::control(std::string("list_queues -p ") + RealCluster::virtualHost() + " name type", &queues));
+    EXPECT_TRUE(
+        RealCluster::control(std::string("list_queues -p ") + RealCluster::virtualHost() + " name type", &queues));
     EXPECT_NE(queues.find(run.queue + "\tquorum"), std::string::npos) << queues;
 
     EXPECT_GE(first.confirmedMs, 0);
@@ -368,7 +440,7 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
         if (Clock::now() >= nextKill && msSince(start) + 90000 < seconds * 1000) {
             const int n = static_cast<int>(random() % RealCluster::nodes) + 1;
             crashes.push_back(run.crash(n, 60000));
-            EXPECT_TRUE(RealCluster::restart(n));
+            EXPECT_TRUE(run.restart(n));
             nextKill = Clock::now() + std::chrono::seconds(killEvery);
         }
         usleep(100 * 1000);
@@ -381,7 +453,7 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
     while (static_cast<int>(run.tally().firsts.size()) < sent && Clock::now() < until) usleep(100 * 1000);
     const ClusterRun::Tally got = run.tally();
     const std::string order = ClusterRun::checkInOrder(got, sent);
-    EXPECT_EQ(order, "");
+    EXPECT_EQ(order, "") << "missing:" << run.missing(sent) << "; " << run.late() << "; " << run.events();
     EXPECT_EQ(got.foreignDuplicates, 0);
     long worst = 0;
     for (const Recovery& r : crashes) {
