@@ -80,23 +80,8 @@ CONF
 
 # What node $1's server and rabbitmqctl read from their environment.
 node_env() {
-  local n=$1 dir
-  dir=$(node_dir "$n")
+  rabbitmq_server_env "$(node_dir "$1")" "$(node_name "$1")" $((5690 + $1)) $((25700 + $1)) "$epmd_port"
   export HOME=$cluster_dir
-  export RABBITMQ_NODENAME
-  RABBITMQ_NODENAME=$(node_name "$n")
-  export RABBITMQ_NODE_IP_ADDRESS=127.0.0.1
-  export RABBITMQ_NODE_PORT=$((5690 + n))
-  export RABBITMQ_DIST_PORT=$((25700 + n))
-  export ERL_EPMD_ADDRESS=127.0.0.1
-  export ERL_EPMD_PORT=$epmd_port
-  export RABBITMQ_CONFIG_FILE=$dir/rabbitmq.conf
-  export RABBITMQ_ENABLED_PLUGINS_FILE=$dir/enabled_plugins
-  export RABBITMQ_MNESIA_BASE=$dir/mnesia
-  export RABBITMQ_LOG_BASE=$dir/log
-  export RABBITMQ_PID_FILE=$dir/server.pid
-  export RABBITMQ_LOGS=-
-  export RABBITMQ_SERVER_ADDITIONAL_ERL_ARGS="-kernel inet_dist_use_interface {127,0,0,1}"
 }
 
 start_epmd() {
