@@ -53,23 +53,7 @@ CONF
 
 # Everything the server reads from its environment, so that it uses the
 # folder above and loopback ports only.
-server_env() {
-  export HOME=$dir
-  export RABBITMQ_NODENAME=tavren@localhost
-  export RABBITMQ_NODE_IP_ADDRESS=127.0.0.1
-  export RABBITMQ_NODE_PORT=$amqp_port
-  export RABBITMQ_DIST_PORT=$dist_port
-  export ERL_EPMD_ADDRESS=127.0.0.1
-  export ERL_EPMD_PORT=$epmd_port
-  export RABBITMQ_CONFIG_FILE=$dir/rabbitmq.conf
-  export RABBITMQ_ENABLED_PLUGINS_FILE=$dir/enabled_plugins
-  export RABBITMQ_MNESIA_BASE=$dir/mnesia
-  export RABBITMQ_LOG_BASE=$dir/log
-  export RABBITMQ_PID_FILE=$dir/server.pid
-  export RABBITMQ_LOGS=-
-  # The Erlang distribution listens on every interface unless told otherwise.
-  export RABBITMQ_SERVER_ADDITIONAL_ERL_ARGS="-kernel inet_dist_use_interface {127,0,0,1}"
-}
+server_env() { rabbitmq_server_env "$dir" tavren@localhost "$amqp_port" "$dist_port" "$epmd_port"; }
 
 start() {
   if pid=$(running_pid "$pidfile"); then

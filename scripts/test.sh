@@ -23,6 +23,22 @@ else
   source "$root/scripts/brokers/for-tests.sh"
   start_brokers rabbitmq activemq
 fi
+# The tests of the label "cluster" (plain build only, they are "long" too)
+# kill and restart the nodes of a three-node RabbitMQ cluster
+# (scripts/rabbitmq-cluster.sh): it is started for the plain run only (about
+# 40 s and 1.5 GB of memory) and stopped after it, unless it ran already.
+cluster_started=0
+start_cluster() {
+  [ "${TAVREN_SKIP_INTEGRATION:-0}" = 1 ] && return 0
+  bash "$root/scripts/rabbitmq-cluster.sh" status >/dev/null 2>&1 && return 0
+  bash "$root/scripts/rabbitmq-cluster.sh" start
+  cluster_started=1
+}
+stop_cluster() {
+  [ $cluster_started = 1 ] && bash "$root/scripts/rabbitmq-cluster.sh" stop || true
+  cluster_started=0
+}
+trap 'stop_cluster; declare -F stop_brokers >/dev/null && stop_brokers' EXIT
 
 status=0
 summary=()
@@ -42,6 +58,7 @@ for flavour in "${flavours[@]}"; do
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
   export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+  [ "$flavour" = plain ] && start_cluster
   passed=0
   if (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout 120 "${filter[@]}"); then passed=1; fi
   # The messaging tests once more with every client on a worker pool of four
@@ -54,6 +71,7 @@ for flavour in "${flavours[@]}"; do
   fi
   if [ $passed = 1 ]; then
     summary+=("$flavour: all passed")
+    stop_cluster
     continue
   fi
   # A test that failed is run once more on its own, so that a timing test
@@ -68,6 +86,7 @@ for flavour in "${flavours[@]}"; do
     summary+=("$flavour: FAILED: $still (first run: $failed)")
     status=1
   fi
+  stop_cluster
 done
 echo "== Summary"
 printf '  %s\n' "${summary[@]}"

@@ -14,6 +14,29 @@ TAVREN_TLS_STORE_PASSWORD=tavren-test
 
 log() { echo "[$(basename "$0")] $*"; }
 
+# Everything a RabbitMQ server (and its rabbitmqctl) reads from its
+# environment, so that it uses folder $1 and loopback ports only: node name
+# $2, AMQP port $3, Erlang distribution port $4, epmd port $5. HOME (where
+# the Erlang cookie lives) is $1 too unless the caller sets it after.
+rabbitmq_server_env() {
+  local dir=$1
+  export HOME=$dir
+  export RABBITMQ_NODENAME=$2
+  export RABBITMQ_NODE_IP_ADDRESS=127.0.0.1
+  export RABBITMQ_NODE_PORT=$3
+  export RABBITMQ_DIST_PORT=$4
+  export ERL_EPMD_ADDRESS=127.0.0.1
+  export ERL_EPMD_PORT=$5
+  export RABBITMQ_CONFIG_FILE=$dir/rabbitmq.conf
+  export RABBITMQ_ENABLED_PLUGINS_FILE=$dir/enabled_plugins
+  export RABBITMQ_MNESIA_BASE=$dir/mnesia
+  export RABBITMQ_LOG_BASE=$dir/log
+  export RABBITMQ_PID_FILE=$dir/server.pid
+  export RABBITMQ_LOGS=-
+  # The Erlang distribution listens on every interface unless told otherwise.
+  export RABBITMQ_SERVER_ADDITIONAL_ERL_ARGS="-kernel inet_dist_use_interface {127,0,0,1}"
+}
+
 # True when a STOMP CONNECT on 127.0.0.1:$1 is answered with CONNECTED within
 # two seconds. An open port alone is not enough: both brokers accept TCP
 # connections a while before they can serve a session.

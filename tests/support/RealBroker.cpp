@@ -62,6 +62,10 @@ RealBroker RealBroker::activemq() {
     return RealBroker("ActiveMQ", "activemq.sh", "TAVREN_ACTIVEMQ_PORT", 61633, "TAVREN_ACTIVEMQ_TLS_PORT", 61634);
 }
 
+RealBroker RealBroker::clusterNode(int n) {
+    return RealBroker("RabbitMQ cluster node " + std::to_string(n), "rabbitmq-cluster.sh", "", 61640 + n, "", 0);
+}
+
 bool RealBroker::answers() const {
     const int fd = connectWithin3s(stompPort);
     if (fd < 0) return false;

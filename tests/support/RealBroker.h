@@ -16,6 +16,8 @@ class RealBroker {
 public:
     static RealBroker rabbitmq();
     static RealBroker activemq();
+    /** Node n (1 to 3) of the cluster of scripts/rabbitmq-cluster.sh: STOMP on 61640 + n, no TLS. */
+    static RealBroker clusterNode(int n);
 
     const std::string& name() const { return brokerName; }
     int port() const { return stompPort; }

@@ -1,0 +1,481 @@
+// SPDX-License-Identifier: Apache-2.0
+// A producer with a file outbox and a consumer against the three-node
+// RabbitMQ cluster of scripts/rabbitmq-cluster.sh (quorum queues), each with
+// the three nodes as its brokers and heart-beats on, while nodes are killed
+// with SIGKILL and started again: every message arrives, in order of first
+// arrival, duplicates only with the same tavren-id; the time from each kill
+// to the next confirmed and the next received message is recorded.
+//
+// ClusterSoak runs the same for TAVREN_FIELD_SOAK_SECONDS, killing a random
+// node every TAVREN_FIELD_KILL_SECONDS (scripts/field-soak.sh), and skips
+// itself without them.
+
+#include "support/CapturingLogger.h"
+#include "support/RealCluster.h"
+#include "support/Watchdog.h"
+
+#include <kelvra/utility/Uuid.h>
+#include <kelvra/utility/Version.h>
+#include <tavren/Listener.h>
+#include <tavren/Message.h>
+#include <tavren/OutboxOptions.h>
+#include <tavren/StompClient.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace tavren {
+namespace test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long msSince(Clock::time_point start) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+/** A logger that also knows the node of the connection that stands, from "Trying the broker" and "Connected.". */
+class NodeTrackingLogger : public CapturingLogger {
+public:
+    void logInfo(const std::string& message) override {
+        CapturingLogger::logInfo(message);
+        static const std::string trying = "Trying the broker 127.0.0.1:";
+        std::lock_guard<std::mutex> lock(mutex);
+        if (message.compare(0, trying.size(), trying) == 0) {
+            tried = RealCluster::nodeOfPort(std::atoi(message.c_str() + trying.size()));
+        } else if (message == "Connected.") {
+            current = tried;
+            ++connections;
+        }
+    }
+    int node() const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return current;
+    }
+    int connected() const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return connections;
+    }
+
+private:
+    mutable std::mutex mutex;
+    int tried = 0;
+    int current = 0;
+    int connections = 0;
+};
+
+/** A message's number (its body), tavren-id and when it came. */
+struct Arrival {
+    int number;
+    std::string id;
+    Clock::time_point at;
+};
+
+class ArrivalListener : public Listener {
+public:
+    int onMessage(kelvra::SharedPtr<Message> message) override {
+        const HeaderMap& headers = message->headers();
+        auto id = headers.find("tavren-id");
+        std::lock_guard<std::mutex> lock(mutex);
+        arrivals.push_back(Arrival{std::atoi(message->text()), id == headers.end() ? "" : id->second, Clock::now()});
+        return 0;
+    }
+    std::vector<Arrival> all() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return arrivals;
+    }
+    /** When a message numbered at least number first came after since; false while none has. */
+    bool firstFrom(int number, Clock::time_point since, Clock::time_point* at) {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (auto it = arrivals.rbegin(); it != arrivals.rend() && it->at >= since; ++it) {
+            if (it->number >= number) {
+                *at = it->at;
+                for (auto earlier = it; earlier != arrivals.rend() && earlier->at >= since; ++earlier) {
+                    if (earlier->number >= number) *at = earlier->at;
+                }
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    std::mutex mutex;
+    std::vector<Arrival> arrivals;
+};
+
+/** How a node crash went: which node, and the times to recover, -1 when it did not within the limit. */
+struct Recovery {
+    int node;
+    long confirmedMs;
+    long receivedMs;
+};
+
+/**
+ * A producer (file outbox) and a consumer (one worker, so its calls follow
+ * the wire) on one fresh queue of the quorum virtual host, both with all
+ * three nodes, the producer starting on node 1, the consumer on node 2.
+ */
+class ClusterRun {
+public:
+    static constexpr int reconnectPeriodMs = 1000;
+
+    ClusterRun()
+        : queue("tavren-field-" + kelvra::utility::generateUuid().substr(0, 8)),
+          outboxFile("/tmp/tavren-field-outbox-" + kelvra::utility::generateUuid().substr(0, 8) + ".db"),
+          heartbeat("2000", "2000") {
+        consumer = client(2, consumerLog);
+        consumer->setMaxWorkers(1);
+        producer = client(1, producerLog);
+        OutboxOptions options;
+        options.file = outboxFile;
+        options.maxMessages = 100000;
+        options.maxBytes = 64 * 1024 * 1024;
+        producer->useOutbox(options);
+        consumer->openConnection(reconnectPeriodMs, kelvra::utility::Version("1.2"));
+        consumer->listenOnQueue(queue, &listener);
+        producer->openConnection(reconnectPeriodMs, kelvra::utility::Version("1.2"));
+    }
+
+    ~ClusterRun() {
+        stopSending();
+        producer.reset();
+        consumer.reset();
+        std::remove(outboxFile.c_str());
+        std::remove((outboxFile + "-wal").c_str());
+        std::remove((outboxFile + "-shm").c_str());
+    }
+
+    /** Sends numbered messages from 0, one every intervalUs, until count (or stopSending). */
+    void startSending(int count, int intervalUs) {
+        sender = std::thread([this, count, intervalUs] {
+            for (int i = 0; i < count && !stop; ++i) {
+                producer->sendToQueue(queue, std::to_string(i).c_str(), nullptr);
+                ++sent;
+                usleep(intervalUs);
+            }
+        });
+    }
+    /** Waits until the sender has sent all it was asked to. */
+    void finishSending() {
+        if (sender.joinable()) sender.join();
+    }
+    void stopSending() {
+        stop = true;
+        if (sender.joinable()) sender.join();
+    }
+
+    /** Writes down what happened when (ms after the start), for events(). */
+    void note(const std::string& what) {
+        std::lock_guard<std::mutex> lock(eventsMutex);
+        happened += " " + std::to_string(msSince(started)) + " ms: " + what + ";";
+    }
+    std::string events() {
+        std::lock_guard<std::mutex> lock(eventsMutex);
+        return "events:" + happened;
+    }
+    /** Starts node n again (rabbitmq-cluster.sh restart), noted. */
+    bool restart(int n) {
+        const bool ok = RealCluster::restart(n);
+        note("node " + std::to_string(n) + (ok ? " back" : " failed to come back"));
+        return ok;
+    }
+
+    /** Messages the broker confirmed, never more than it did. */
+    int confirmed() const {
+        const int accepted = sent;
+        return accepted - static_cast<int>(producer->pendingMessages());
+    }
+
+    /**
+     * Kills node n; then waits (up to limitMs) until the first message
+     * accepted after the kill is confirmed, and until it is received.
+     */
+    Recovery crash(int n, long limitMs) {
+        Recovery recovery{n, -1, -1};
+        // Counted from when the node is gone (the script returns once its VM
+        // has ended): what is accepted from then on needs another node.
+        if (!RealCluster::kill(n)) return recovery;
+        const int sentAtKill = sent;
+        const Clock::time_point killed = Clock::now();
+        note("node " + std::to_string(n) + " killed at message " + std::to_string(sentAtKill));
+        Clock::time_point at;
+        while (msSince(killed) < limitMs && (recovery.confirmedMs < 0 || recovery.receivedMs < 0)) {
+            if (recovery.confirmedMs < 0 && confirmed() > sentAtKill) recovery.confirmedMs = msSince(killed);
+            if (recovery.receivedMs < 0 && listener.firstFrom(sentAtKill, killed, &at)) {
+                recovery.receivedMs =
+                    static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(at - killed).count());
+            }
+            usleep(10 * 1000);
+        }
+        std::printf("node %d killed with %d messages sent: next confirmed after %ld ms, next received after %ld ms "
+                    "(producer now on node %d, consumer on node %d)\n",
+                    n, sentAtKill, recovery.confirmedMs, recovery.receivedMs, producerLog.node(), consumerLog.node());
+        return recovery;
+    }
+
+    /** The numbers in order of first arrival, the duplicates, and any duplicate under another tavren-id. */
+    struct Tally {
+        std::vector<int> firsts;
+        int duplicates = 0;
+        int foreignDuplicates = 0;
+    };
+    Tally tally() {
+        Tally result;
+        std::map<int, std::string> idOf;
+        for (const Arrival& a : listener.all()) {
+            auto known = idOf.find(a.number);
+            if (known == idOf.end()) {
+                idOf.emplace(a.number, a.id);
+                result.firsts.push_back(a.number);
+            } else {
+                ++result.duplicates;
+                if (known->second != a.id) ++result.foreignDuplicates;
+            }
+        }
+        return result;
+    }
+
+    /** Every message below count first arrived in order; the first gap otherwise. */
+    static std::string checkInOrder(const Tally& tally, int count) {
+        if (static_cast<int>(tally.firsts.size()) != count) {
+            return std::to_string(tally.firsts.size()) + " of " + std::to_string(count) + " arrived";
+        }
+        for (int i = 0; i < count; ++i) {
+            if (tally.firsts[i] != i) return "first arrivals out of order at " + std::to_string(i);
+        }
+        return "";
+    }
+
+    /**
+     * The messages whose first arrival came after that of a higher number:
+     * how many, the lowest and highest, and when the first and last of them
+     * came (ms after start).
+     */
+    std::string late() {
+        std::map<int, bool> seen;
+        int highest = -1, count = 0, low = 0, high = 0;
+        long first = -1, last = -1;
+        for (const Arrival& a : listener.all()) {
+            if (!seen.emplace(a.number, true).second) continue;
+            if (a.number < highest) {
+                const long at =
+                    static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(a.at - started).count());
+                if (count == 0) low = high = a.number, first = at;
+                low = std::min(low, a.number);
+                high = std::max(high, a.number);
+                last = at;
+                ++count;
+            }
+            highest = std::max(highest, a.number);
+        }
+        return std::to_string(count) + " late, numbers " + std::to_string(low) + " to " + std::to_string(high) +
+               ", arrived from " + std::to_string(first) + " to " + std::to_string(last) + " ms";
+    }
+
+    /** The numbers below count that never arrived, as ranges "a-b". */
+    std::string missing(int count) {
+        std::vector<bool> seen(static_cast<size_t>(count), false);
+        for (const Arrival& a : listener.all()) {
+            if (a.number >= 0 && a.number < count) seen[static_cast<size_t>(a.number)] = true;
+        }
+        std::string ranges;
+        for (int i = 0; i < count; ++i) {
+            if (seen[static_cast<size_t>(i)]) continue;
+            int j = i;
+            while (j + 1 < count && !seen[static_cast<size_t>(j + 1)]) ++j;
+            ranges += " " + std::to_string(i) + "-" + std::to_string(j);
+            i = j;
+        }
+        return ranges;
+    }
+
+    void printLogs() const {
+        for (const std::string& line : producerLog.lines()) std::printf("producer: %s\n", line.c_str());
+        for (const std::string& line : consumerLog.lines()) std::printf("consumer: %s\n", line.c_str());
+    }
+
+    const std::string queue;
+    const Clock::time_point started = Clock::now();
+    NodeTrackingLogger producerLog;
+    NodeTrackingLogger consumerLog;
+    ArrivalListener listener;
+    std::unique_ptr<StompClient> producer;
+    std::unique_ptr<StompClient> consumer;
+    std::atomic<int> sent{0};
+
+private:
+    /** A client with node first, then the other two in turn, heart-beats on, in the quorum virtual host. */
+    std::unique_ptr<StompClient> client(int first, NodeTrackingLogger& log) {
+        std::unique_ptr<StompClient> c(
+            new StompClient("127.0.0.1", RealCluster::port(first), "guest", "guest", &log, &heartbeat));
+        for (int k = 1; k < RealCluster::nodes; ++k) {
+            c->addFailoverBroker("127.0.0.1", RealCluster::port((first - 1 + k) % RealCluster::nodes + 1));
+        }
+        c->enableHeartbeats();
+        c->setVirtualHost(RealCluster::virtualHost());
+        return c;
+    }
+
+    const std::string outboxFile;
+    std::pair<std::string, std::string> heartbeat;
+    std::thread sender;
+    std::atomic<bool> stop{false};
+    std::mutex eventsMutex;
+    std::string happened;
+};
+
+/** Resident memory (kB) and threads of this process. */
+std::pair<long, long> footprint() {
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    long rss = 0, threads = 0;
+    while (status >> key) {
+        if (key == "VmRSS:") status >> rss;
+        if (key == "Threads:") status >> threads;
+    }
+    return {rss, threads};
+}
+
+class Cluster : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(RealCluster::answers()) << RealCluster::howToStart(); }
+};
+
+// Two reconnect periods plus 5 s: what a node crash may cost at most.
+constexpr long recoveryGoalMs = 2 * ClusterRun::reconnectPeriodMs + 5000;
+
+TEST_F(Cluster, NothingIsLostWhenTheProducersAndThenTheConsumersNodeIsKilled) {
+    Watchdog watchdog(840);
+    const int total = 20000;
+    ClusterRun run;
+    ASSERT_TRUE(run.producer->isConnected() && run.consumer->isConnected());
+    ASSERT_EQ(run.producerLog.node(), 1);
+    ASSERT_EQ(run.consumerLog.node(), 2);
+    // About 250 messages a second: 80 s of traffic, with both crashes in it.
+    run.startSending(total, 4000);
+    while (run.sent < 4000) usleep(20 * 1000);
+
+    // The producer's node; the consumer stays where it is. Then the node is
+    // started again before the next crash: with two of three nodes down a
+    // quorum queue stops (no majority), by design.
+    const Recovery first = run.crash(run.producerLog.node(), 60000);
+    EXPECT_TRUE(run.restart(first.node));
+    while (run.sent < 12000) usleep(20 * 1000);
+    const Recovery second = run.crash(run.consumerLog.node(), 60000);
+    EXPECT_TRUE(run.restart(second.node));
+    run.finishSending();
+    ASSERT_EQ(run.sent, total);
+
+    EXPECT_TRUE(run.producer->waitForConfirmations(120000)) << run.producer->pendingMessages() << " not confirmed";
+    const Clock::time_point until = Clock::now() + std::chrono::seconds(120);
+    while (static_cast<int>(run.tally().firsts.size()) < total && Clock::now() < until) usleep(100 * 1000);
+    const ClusterRun::Tally got = run.tally();
+    EXPECT_EQ(ClusterRun::checkInOrder(got, total), "")
+        << "missing:" << run.missing(total) << "; " << run.late() << "; " << run.events();
+    EXPECT_EQ(got.foreignDuplicates, 0) << "a message came twice under different tavren-ids";
+
+    std::string queues;
+    EXPECT_TRUE(
+        RealCluster::control(std::string("list_queues -p ") + RealCluster::virtualHost() + " name type", &queues));
+    EXPECT_NE(queues.find(run.queue + "\tquorum"), std::string::npos) << queues;
+
+    EXPECT_GE(first.confirmedMs, 0);
+    EXPECT_GE(first.receivedMs, 0);
+    EXPECT_GE(second.confirmedMs, 0);
+    EXPECT_GE(second.receivedMs, 0);
+    RecordProperty("producer_node_kill_to_confirmed_ms", std::to_string(first.confirmedMs));
+    RecordProperty("producer_node_kill_to_received_ms", std::to_string(first.receivedMs));
+    RecordProperty("consumer_node_kill_to_confirmed_ms", std::to_string(second.confirmedMs));
+    RecordProperty("consumer_node_kill_to_received_ms", std::to_string(second.receivedMs));
+    RecordProperty("recovery_goal_ms", std::to_string(recoveryGoalMs));
+    RecordProperty("duplicates", got.duplicates);
+    RecordProperty("producer_connections", run.producerLog.connected());
+    RecordProperty("consumer_connections", run.consumerLog.connected());
+    std::printf("cluster: %d messages, %d duplicates; producer's node killed: confirmed after %ld ms, received after "
+                "%ld ms; consumer's node killed: confirmed after %ld ms, received after %ld ms (goal %ld ms); "
+                "connections: producer %d, consumer %d\n",
+                total, got.duplicates, first.confirmedMs, first.receivedMs, second.confirmedMs, second.receivedMs,
+                recoveryGoalMs, run.producerLog.connected(), run.consumerLog.connected());
+    if (HasFailure()) run.printLogs();
+}
+
+long fromEnvironment(const char* name, long fallback) {
+    const char* value = std::getenv(name);
+    return value && *value ? std::atol(value) : fallback;
+}
+
+TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
+    const long seconds = fromEnvironment("TAVREN_FIELD_SOAK_SECONDS", 0);
+    if (seconds <= 0) GTEST_SKIP() << "set TAVREN_FIELD_SOAK_SECONDS (scripts/field-soak.sh does)";
+    const long killEvery = fromEnvironment("TAVREN_FIELD_KILL_SECONDS", 120);
+    Watchdog watchdog(static_cast<int>(seconds + 600));
+    const std::pair<long, long> atStart = footprint();
+    ClusterRun run;
+    // 100 messages a second until the time is up.
+    run.startSending(1 << 30, 10000);
+    std::mt19937 random(static_cast<unsigned>(std::random_device()()));
+    std::vector<Recovery> crashes;
+    std::pair<long, long> afterOneMinute{0, 0};
+    const Clock::time_point start = Clock::now();
+    Clock::time_point nextKill = start + std::chrono::seconds(killEvery / 2);
+    while (msSince(start) < seconds * 1000) {
+        if (afterOneMinute.first == 0 && msSince(start) >= 60000) afterOneMinute = footprint();
+        if (Clock::now() >= nextKill && msSince(start) + 90000 < seconds * 1000) {
+            const int n = static_cast<int>(random() % RealCluster::nodes) + 1;
+            crashes.push_back(run.crash(n, 60000));
+            EXPECT_TRUE(run.restart(n));
+            nextKill = Clock::now() + std::chrono::seconds(killEvery);
+        }
+        usleep(100 * 1000);
+    }
+    run.stopSending();
+    const int sent = run.sent;
+    EXPECT_TRUE(run.producer->waitForConfirmations(120000)) << run.producer->pendingMessages() << " not confirmed";
+    const int confirmed = run.confirmed();
+    const Clock::time_point until = Clock::now() + std::chrono::seconds(120);
+    while (static_cast<int>(run.tally().firsts.size()) < sent && Clock::now() < until) usleep(100 * 1000);
+    const ClusterRun::Tally got = run.tally();
+    const std::string order = ClusterRun::checkInOrder(got, sent);
+    EXPECT_EQ(order, "") << "missing:" << run.missing(sent) << "; " << run.late() << "; " << run.events();
+    EXPECT_EQ(got.foreignDuplicates, 0);
+    long worst = 0;
+    for (const Recovery& r : crashes) {
+        EXPECT_GE(r.confirmedMs, 0) << "node " << r.node;
+        EXPECT_GE(r.receivedMs, 0) << "node " << r.node;
+        worst = std::max(worst, std::max(r.confirmedMs, r.receivedMs));
+    }
+    const std::pair<long, long> atEnd = footprint();
+    const int lost = sent - static_cast<int>(got.firsts.size());
+    std::printf("field soak: %ld s, %zu nodes killed; sent %d, confirmed %d, received %zu distinct, duplicates %d, "
+                "lost %d; reconnects: producer %d, consumer %d; worst recovery %ld ms (goal %ld ms); "
+                "RSS %ld kB at start, %ld kB after a minute, %ld kB at the end; threads %ld, %ld, %ld\n",
+                seconds, crashes.size(), sent, confirmed, got.firsts.size(), got.duplicates, lost,
+                run.producerLog.connected() - 1, run.consumerLog.connected() - 1, worst, recoveryGoalMs, atStart.first,
+                afterOneMinute.first, atEnd.first, atStart.second, afterOneMinute.second, atEnd.second);
+    RecordProperty("sent", sent);
+    RecordProperty("lost", lost);
+    RecordProperty("duplicates", got.duplicates);
+    RecordProperty("worst_recovery_ms", std::to_string(worst));
+    if (HasFailure()) run.printLogs();
+}
+
+} // namespace
+} // namespace test
+} // namespace tavren
