@@ -185,8 +185,8 @@ bool TestNetwork::dropRandomly(int percent) {
     if (!inside({nft, "add", "table", "inet", "impair"})) return false;
     for (const char* hook : {"input", "output"}) {
         const std::string chain = std::string("impair-") + hook;
-        if (!inside({nft, "add", "chain", "inet", "impair", chain, "{ type filter hook " + std::string(hook) +
-                                                                          " priority 0 ; policy accept ; }"}) ||
+        if (!inside({nft, "add", "chain", "inet", "impair", chain,
+                     "{ type filter hook " + std::string(hook) + " priority 0 ; policy accept ; }"}) ||
             !inside({nft, "add", "rule", "inet", "impair", chain, "numgen", "random", "mod", "100", "<",
                      std::to_string(percent), "drop"})) {
             return false;
