@@ -9,6 +9,7 @@
 // reconnects are reported (XML properties and stdout), not asserted.
 
 #include "support/CapturingLogger.h"
+#include "support/Elapsed.h"
 #include "support/RealBroker.h"
 #include "support/RecordingListener.h"
 #include "support/RecordingRelay.h"
@@ -40,18 +41,12 @@ namespace tavren {
 namespace test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long msSince(Clock::time_point start) {
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
-
 // Traffic for this long in each case, at about this many messages a second.
 const int kTrafficSeconds = 60;
 const int kMessagesPerSecond = 20;
 // sendToQueue with an outbox in memory returns at once (docs/reliability.md);
 // this leaves room for a loaded machine.
-const long kSendBoundMs = 1000;
+const long long kSendBoundMs = 1000;
 const int kConfirmTimeoutMs = 60000;
 
 class BadNetwork : public ::testing::Test {
@@ -97,7 +92,7 @@ protected:
         std::thread impairer([&] { impair(stop); });
         const Clock::time_point start = Clock::now();
         int sent = 0;
-        long slowestSend = 0;
+        long long slowestSend = 0;
         const std::string padding(64, '.');
         while (msSince(start) < kTrafficSeconds * 1000L) {
             const Clock::time_point before = Clock::now();
@@ -111,8 +106,8 @@ protected:
 
         const Clock::time_point waiting = Clock::now();
         const bool confirmed = producer->waitForConfirmations(kConfirmTimeoutMs);
-        const long waited = msSince(waiting);
-        const long confirmedAfter = msSince(start);
+        const long long waited = msSince(waiting);
+        const long long confirmedAfter = msSince(start);
         std::set<int> seen;
         size_t arrivals = 0;
         const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
@@ -122,13 +117,13 @@ protected:
             arrivals = received.size();
             usleep(100000);
         }
-        const long receivedAfter = msSince(start);
+        const long long receivedAfter = msSince(start);
         const int duplicates = static_cast<int>(arrivals - seen.size());
 
         EXPECT_TRUE(confirmed) << producer->pendingMessages() << " of " << sent << " not confirmed";
         EXPECT_EQ(static_cast<int>(seen.size()), sent) << "messages lost";
         EXPECT_LE(slowestSend, kSendBoundMs) << "a sendToQueue blocked";
-        EXPECT_LE(waited, kConfirmTimeoutMs + 1000L) << "waitForConfirmations blocked past its time-out";
+        EXPECT_LE(waited, kConfirmTimeoutMs + 1000LL) << "waitForConfirmations blocked past its time-out";
         // Every lost connection is logged and followed by a reconnect: one
         // "Connected." for the first connection and one per loss.
         const size_t producerLosses = producerLog.count("ERROR: Disconnected!");
@@ -138,7 +133,7 @@ protected:
         EXPECT_TRUE(producer->isConnected());
         EXPECT_TRUE(consumer->isConnected());
 
-        const double perSecond = sent * 1000.0 / std::max(1L, confirmedAfter);
+        const double perSecond = sent * 1000.0 / std::max(1LL, confirmedAfter);
         RecordProperty("sent", sent);
         RecordProperty("duplicates", duplicates);
         RecordProperty("producer_reconnects", static_cast<int>(producerLosses));
@@ -149,8 +144,8 @@ protected:
         RecordProperty("all_received_after_ms", static_cast<int>(receivedAfter));
         RecordProperty("confirmed_per_second", std::to_string(perSecond));
         std::printf("%s: sent %d in %d s, all confirmed after %.1f s (%.1f/s), all received after %.1f s, "
-                    "%d duplicates, reconnects producer %zu consumer %zu, slowest send %ld ms, "
-                    "confirmation wait %ld ms\n",
+                    "%d duplicates, reconnects producer %zu consumer %zu, slowest send %lld ms, "
+                    "confirmation wait %lld ms\n",
                     name.c_str(), sent, kTrafficSeconds, confirmedAfter / 1000.0, perSecond, receivedAfter / 1000.0,
                     duplicates, producerLosses, consumerLosses, slowestSend, waited);
         if (HasFailure()) {
@@ -162,7 +157,7 @@ protected:
     }
 
     /** Waits up to ms, or less once stop is set. */
-    static void pause(std::atomic<bool>& stop, long ms) {
+    static void pause(std::atomic<bool>& stop, long long ms) {
         const Clock::time_point start = Clock::now();
         while (!stop && msSince(start) < ms) usleep(50000);
     }
