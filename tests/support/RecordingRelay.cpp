@@ -35,13 +35,26 @@ bool sendAll(int fd, const char* data, size_t size) {
 } // namespace
 
 RecordingRelay::RecordingRelay(int brokerPort) : brokerPort(brokerPort) {
-    if (pipe(stopPipe) != 0) throw std::runtime_error("relay: pipe");
     listener = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
     if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener, 16) != 0 || getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        listen(listener, 16) != 0) {
         throw std::runtime_error("relay: cannot listen on 127.0.0.1");
+    }
+    start();
+}
+
+RecordingRelay::RecordingRelay(int brokerPort, int listeningSocket) : brokerPort(brokerPort) {
+    listener = listeningSocket;
+    start();
+}
+
+void RecordingRelay::start() {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    if (pipe(stopPipe) != 0) throw std::runtime_error("relay: pipe");
+    if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw std::runtime_error("relay: the listening socket has no address");
     }
     listenPort = ntohs(address.sin_port);
     acceptor = std::thread([this] { acceptLoop(); });

@@ -21,6 +21,12 @@ namespace test {
 class RecordingRelay {
 public:
     explicit RecordingRelay(int brokerPort);
+    /**
+     * A relay that accepts on listeningSocket (bound and listening, e.g.
+     * made inside a TestNetwork's namespace) and takes it over; the
+     * connections to the broker are made in this process's own network.
+     */
+    RecordingRelay(int brokerPort, int listeningSocket);
     ~RecordingRelay();
     RecordingRelay(const RecordingRelay&) = delete;
     RecordingRelay& operator=(const RecordingRelay&) = delete;
@@ -34,6 +40,7 @@ public:
     std::vector<std::string> headerValuesFromBroker(const std::string& name);
 
 private:
+    void start();
     void acceptLoop();
     void pump(int client, int broker);
 

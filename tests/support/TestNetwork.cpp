@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/TestNetwork.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +61,14 @@ pid_t ownerOf(const std::string& name, const std::string& prefix) {
     return i > prefix.size() ? pid : 0;
 }
 
+// The full path of an administration tool such as ip, tc or nft, or "".
+std::string toolPath(const std::string& tool) {
+    for (const char* dir : {"/usr/sbin/", "/sbin/", "/usr/bin/", "/bin/"}) {
+        if (::access((dir + tool).c_str(), X_OK) == 0) return dir + tool;
+    }
+    return "";
+}
+
 bool processGone(pid_t pid) { return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH; }
 
 } // namespace
@@ -75,12 +86,7 @@ TestNetwork::~TestNetwork() {
 }
 
 bool TestNetwork::make() {
-    for (const char* candidate : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-        if (::access(candidate, X_OK) == 0) {
-            ipPath = candidate;
-            break;
-        }
-    }
+    ipPath = toolPath("ip");
     if (ipPath.empty()) {
         why = "iproute2's ip is not installed";
         return false;
@@ -164,6 +170,62 @@ bool TestNetwork::peerVanishes() { return ip({"-n", name, "link", "set", peerLin
 
 bool TestNetwork::peerReturns() { return ip({"-n", name, "link", "set", peerLink, "up"}); }
 
+bool TestNetwork::inside(const std::vector<std::string>& command) {
+    std::vector<std::string> args{"netns", "exec", name};
+    args.insert(args.end(), command.begin(), command.end());
+    return ip(args);
+}
+
+bool TestNetwork::dropRandomly(int percent) {
+    const std::string nft = toolPath("nft");
+    if (nft.empty()) {
+        why = "nftables' nft is not installed";
+        return false;
+    }
+    if (!inside({nft, "add", "table", "inet", "impair"})) return false;
+    for (const char* hook : {"input", "output"}) {
+        const std::string chain = std::string("impair-") + hook;
+        if (!inside({nft, "add", "chain", "inet", "impair", chain,
+                     "{ type filter hook " + std::string(hook) + " priority 0 ; policy accept ; }"}) ||
+            !inside({nft, "add", "rule", "inet", "impair", chain, "numgen", "random", "mod", "100", "<",
+                     std::to_string(percent), "drop"})) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool TestNetwork::limitRate(const std::string& rate) {
+    const std::string tc = toolPath("tc");
+    if (tc.empty()) {
+        why = "iproute2's tc is not installed";
+        return false;
+    }
+    const std::vector<std::string> bucket{"root", "tbf", "rate", rate, "burst", "16kbit", "latency", "400ms"};
+    std::vector<std::string> here{"qdisc", "add", "dev", hostLink};
+    std::vector<std::string> there{tc, "qdisc", "add", "dev", peerLink};
+    here.insert(here.end(), bucket.begin(), bucket.end());
+    there.insert(there.end(), bucket.begin(), bucket.end());
+    return run(tc, here) && inside(there);
+}
+
+int TestNetwork::listenInside() {
+    int listener = -1;
+    const bool entered = runInside([&] {
+        listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        ::inet_pton(AF_INET, peer.c_str(), &address.sin_addr);
+        if (listener >= 0 && (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+                              ::listen(listener, 16) != 0)) {
+            ::close(listener);
+            listener = -1;
+        }
+    });
+    if (entered && listener < 0) why = "cannot listen on " + peer + " in " + name + ": " + std::strerror(errno);
+    return listener;
+}
+
 bool TestNetwork::runInside(const std::function<void()>& work) {
     const std::string path = kNamespaceDir + name;
     int failure = 0;
@@ -188,8 +250,10 @@ bool TestNetwork::runInside(const std::function<void()>& work) {
     return failure == 0;
 }
 
-bool TestNetwork::ip(const std::vector<std::string>& args, std::string* output) {
-    std::vector<std::string> words(1, ipPath);
+bool TestNetwork::ip(const std::vector<std::string>& args, std::string* output) { return run(ipPath, args, output); }
+
+bool TestNetwork::run(const std::string& program, const std::vector<std::string>& args, std::string* output) {
+    std::vector<std::string> words(1, program);
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& word : words) argv.push_back(&word[0]);
@@ -206,7 +270,7 @@ bool TestNetwork::ip(const std::vector<std::string>& args, std::string* output) 
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDERR_FILENO);
     pid_t child = 0;
-    const int spawned = ::posix_spawn(&child, ipPath.c_str(), &actions, nullptr, argv.data(), environ);
+    const int spawned = ::posix_spawn(&child, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     std::string text;

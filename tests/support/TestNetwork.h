@@ -23,6 +23,10 @@ namespace test {
  * silent like a host behind a router that crashed or lost its path: the
  * packets go out and nothing answers.
  *
+ * For the bad-network tests the pair can lose packets at random
+ * (dropRandomly), be slow (limitRate) and go down and up (peerVanishes,
+ * peerReturns).
+ *
  * Needs root (CAP_NET_ADMIN and CAP_SYS_ADMIN) and iproute2's `ip`; when the
  * network cannot be made, usable() is false and problem() says why, for
  * GTEST_SKIP. Names carry the process id and a counter, so that processes
@@ -52,6 +56,20 @@ public:
     bool peerReturns();
 
     /**
+     * Drops percent of the packets at random in each direction (nftables
+     * in the namespace: `numgen random mod 100 < percent drop` on its input
+     * and its output). Needs `nft`; false (and problem()) otherwise.
+     */
+    bool dropRandomly(int percent);
+    /**
+     * Limits each direction of the pair to rate (tc's token bucket on both
+     * ends, e.g. "256kbit", burst 16 kbit, 400 ms of queue).
+     */
+    bool limitRate(const std::string& rate);
+    /** A TCP socket of the namespace listening on peerAddress() at a free port, or -1 (and problem()). */
+    int listenInside();
+
+    /**
      * Runs work on a new thread that has entered the namespace, and waits for
      * it. Sockets made by work belong to the namespace for their whole life,
      * and so does every thread work starts. False (and problem()) if the
@@ -63,6 +81,10 @@ private:
     bool make();
     bool pickSubnet(int k);
     bool ip(const std::vector<std::string>& args, std::string* output = nullptr);
+    /** Runs program (a full path) with args; its output (and error) to output. */
+    bool run(const std::string& program, const std::vector<std::string>& args, std::string* output = nullptr);
+    /** Runs program with args inside the namespace (`ip netns exec`). */
+    bool inside(const std::vector<std::string>& command);
 
     std::string ipPath;
     std::string name;     // the namespace
