@@ -50,14 +50,19 @@ for flavour in "${flavours[@]}"; do
     # ASan they would add 7 minutes for what the unit, engine and fuzz
     # tests (with the same frames) already show ASan.
     asan) options=(-DTAVREN_ASAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) filter=(-LE "^($excluded|long|integration)\$") ;;
-    tsan) options=(-DTAVREN_TSAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF) filter=(-LE "^($excluded|long)\$") ;;
+    # Under TSan the real brokers' tests run with STOMP 1.2 only: the older
+    # versions change the frames (which the plain build checks), not the
+    # threads, and would add 150 s.
+    tsan) options=(-DTAVREN_TSAN=ON -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF)
+      filter=(-LE "^($excluded|long)\$" -E "_1_[01]( |\$)") ;;
     *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
   esac
   dir=$root/build-test-$flavour
+  flavour_start=$SECONDS
   echo "== Building ($flavour) in $dir"
   mkdir -p "$dir"
   "$root/scripts/build.sh" "$dir" "${options[@]}" >"$dir/build.log" 2>&1 || { tail -50 "$dir/build.log"; exit 1; }
-  echo "== Testing ($flavour)"
+  echo "== Testing ($flavour), built in $((SECONDS - flavour_start)) s"
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
   export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
@@ -73,7 +78,7 @@ for flavour in "${flavours[@]}"; do
     fi
   fi
   if [ $passed = 1 ]; then
-    summary+=("$flavour: all passed")
+    summary+=("$flavour: all passed ($((SECONDS - flavour_start)) s)")
     stop_cluster
     continue
   fi
@@ -83,7 +88,7 @@ for flavour in "${flavours[@]}"; do
   failed=$(sed 's/^[0-9]*://' "$dir/Testing/Temporary/LastTestsFailed.log" 2>/dev/null | tr '\n' ' ')
   echo "== Running the failed tests ($flavour) once more: $failed"
   if (cd "$dir" && ctest --output-on-failure --rerun-failed --timeout 120); then
-    summary+=("$flavour: failed, then passed on their own: $failed")
+    summary+=("$flavour: failed, then passed on their own: $failed ($((SECONDS - flavour_start)) s)")
   else
     still=$(sed 's/^[0-9]*://' "$dir/Testing/Temporary/LastTestsFailed.log" 2>/dev/null | tr '\n' ' ')
     summary+=("$flavour: FAILED: $still (first run: $failed)")
