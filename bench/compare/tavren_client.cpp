@@ -29,6 +29,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -98,13 +99,16 @@ public:
             ids[seq] = id;
             ends[seq] = now(); // the listener's last act before it returns
         }
-        changed.notify_all();
+        // Only a waiter whose count is reached is woken: a wake-up per
+        // message would cost more than the library's own work.
+        if (tally.unique >= wantedUnique || messages >= wantedMessages) changed.notify_all();
         return 0;
     }
 
     // Waits until n distinct messages arrived or the deadline passed.
     bool waitUnique(long n, double deadline) {
         std::unique_lock<std::mutex> lock(mutex);
+        wantedUnique = n;
         while (tally.unique < n) {
             if (now() > deadline) return false;
             changed.wait_for(lock, std::chrono::milliseconds(100));
@@ -115,6 +119,7 @@ public:
     // Waits until the listener was called n times in all (round trip).
     bool waitMessages(long n, double deadline) {
         std::unique_lock<std::mutex> lock(mutex);
+        wantedMessages = n;
         while (messages < n) {
             if (now() > deadline) return false;
             changed.wait_for(lock, std::chrono::milliseconds(100));
@@ -129,6 +134,9 @@ public:
     std::vector<double> ends;
     std::vector<std::string> ids;
     long messages = 0;
+    // What the waiter waits for (the highest count: nobody waits).
+    long wantedUnique = LONG_MAX;
+    long wantedMessages = LONG_MAX;
 };
 
 // A listener for the control queue of the send measurement; nothing arrives.

@@ -97,6 +97,9 @@ private:
     /** Logs line, drops the connection and has it made again (unless the engine stopped this thread). */
     void giveUp(const std::string& line);
     void readAndDispatch();
+    void readFrames();
+    /** With the pool: hands it the messages of this pass. */
+    void handToPool();
     /** At most this many listener calls run at once: the pool's threads, else the bound on workers. */
     int bound() const { return pool ? pool->size() : engine->maxWorkers.load(); }
     bool full() const;
@@ -105,7 +108,8 @@ private:
     bool startWorker(Listener::WorkerData* data);
     /** In-order delivery: starts the first waiting message of every destination without a running call. */
     void startReady();
-    /** In-order delivery: the destinations whose call was settled may start their next. */
+    /** In-order delivery: the destinations whose call was settled may start their next (or, on the pool, count one
+     * less). */
     void settled(const std::vector<std::string>& destinations);
     /** The pool's answers, into the records of workers. */
     void collectAnswers();
@@ -144,11 +148,16 @@ private:
     // With useWorkerPool: the threads that run the calls; null with a thread per message.
     std::unique_ptr<WorkerPool> pool;
     std::vector<WorkerPool::Answer> answers; // scratch for collecting
-    // With enableOrderedDelivery: the messages of each destination waiting for
-    // its running call, in the broker's order, and the destinations with one.
+    std::vector<WorkerPool::Handed> toHand;  // the messages of a pass, for the pool
+    // With enableOrderedDelivery on a thread per message: the messages of each
+    // destination waiting for its running call, in the broker's order, and
+    // the destinations with one.
     const bool ordered;
     std::map<std::string, std::deque<Listener::WorkerData*>> inOrder;
     std::set<std::string> running;
+    // With both the pool and in-order delivery, the messages of each
+    // destination handed to the pool and not yet answered.
+    std::map<std::string, size_t> inLane;
 };
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
@@ -237,6 +246,13 @@ bool StompClientImpl::ListenLoop::full() const {
     if (!ordered) return waiting || static_cast<int>(workers.size()) >= bound();
     // In order, messages wait in their destination's queue; only a broker
     // that sends beyond the bound it was asked for fills one.
+    if (pool) {
+        // A lane holds its call and the messages waiting behind it.
+        for (const auto& lane : inLane) {
+            if (lane.second > kOrderedPrefetch) return true;
+        }
+        return false;
+    }
     for (const auto& waitingOfOne : inOrder) {
         if (waitingOfOne.second.size() >= kOrderedPrefetch) return true;
     }
@@ -302,6 +318,24 @@ void StompClientImpl::ListenLoop::giveUp(const std::string& line) {
 }
 
 void StompClientImpl::ListenLoop::readAndDispatch() {
+    // The pool gets the pass's messages at once: one hold of its lock, and
+    // its threads are woken once the pass is over.
+    try {
+        readFrames();
+    } catch (...) {
+        handToPool();
+        throw;
+    }
+    handToPool();
+}
+
+void StompClientImpl::ListenLoop::handToPool() {
+    if (toHand.empty()) return;
+    pool->handAll(toHand);
+    toHand.clear();
+}
+
+void StompClientImpl::ListenLoop::readFrames() {
     // The engine lock is held.
     for (int i = 0; i < kFramesPerPass; ++i) {
         if (waiting) {
@@ -344,6 +378,15 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
     data->listener = listener;
     data->frame.reset(message.release());
     data->wakeFd = wakeFd;
+    if (ordered && pool) {
+        // The pool keeps the order itself: a lane per destination, whose next
+        // call starts as soon as the last returns, on the same thread.
+        auto lane = inLane.emplace(name, 0).first;
+        ++lane->second;
+        toHand.emplace_back(data, &lane->first); // the key lives until the message is settled
+        workers.push_back(Worker{data, WorkerStacks::Stack(), false, nullptr});
+        return;
+    }
     if (ordered) {
         inOrder[name].push_back(data);
         startReady();
@@ -358,7 +401,7 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
 
 bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
     if (pool) {
-        pool->hand(data);
+        toHand.emplace_back(data, nullptr);
         workers.push_back(Worker{data, WorkerStacks::Stack(), false, nullptr});
         return true;
     }
@@ -400,6 +443,13 @@ void StompClientImpl::ListenLoop::startReady() {
 }
 
 void StompClientImpl::ListenLoop::settled(const std::vector<std::string>& destinations) {
+    if (pool) {
+        for (const std::string& destination : destinations) {
+            auto lane = inLane.find(destination);
+            if (lane != inLane.end() && --lane->second == 0) inLane.erase(lane);
+        }
+        return;
+    }
     for (const std::string& destination : destinations) running.erase(destination);
     startReady();
 }
@@ -461,6 +511,7 @@ void StompClientImpl::ListenLoop::drainWakeUps() {
     uint64_t count;
     while (::read(wakeFd, &count, sizeof count) > 0) {
     }
+    if (pool) pool->rearm();
 }
 
 void StompClientImpl::ListenLoop::reapFinished() {
@@ -551,6 +602,7 @@ void StompClientImpl::ListenLoop::dropUnstarted() {
     }
     inOrder.clear();
     running.clear();
+    inLane.clear();
     if (unstarted.empty()) return;
     engine->logInfo(std::to_string(unstarted.size()) +
                     " received messages had no listener call started before the connection ended; they are "

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <deque>
+#include <map>
 
 namespace tavren {
 namespace internal {
@@ -13,17 +14,40 @@ namespace internal {
 // What the pool's threads share with it; it outlives the pool while a
 // thread still runs a call it was left to finish.
 struct WorkerPool::Shared {
+    // The records of one lane after the one that is ready or in a call.
+    struct Lane {
+        std::deque<Listener::WorkerData*> waiting;
+    };
+    // A record ready for a thread, and its lane (null: none).
+    struct Ready {
+        Listener::WorkerData* data;
+        std::map<std::string, Lane>::iterator lane;
+        bool inLane;
+    };
+
     pthread_mutex_t mutex;
-    pthread_cond_t work;     // a record was handed, or the pool stops
+    pthread_cond_t work;     // a record is ready, or the pool stops
     pthread_cond_t answered; // an answer was published
-    std::deque<Listener::WorkerData*> queue;
+    std::deque<Ready> ready;
+    // The lanes with a record ready or in a call; a lane without one has no entry.
+    std::map<std::string, Lane> lanes;
     std::vector<Answer> answers;
     std::vector<bool> busy; // by thread: inside a call
+    int idle = 0;           // threads waiting for work
+    int signalled = 0;      // signals to them not yet taken up
+    int takers = 0;         // callers of takeAnswer waiting
+    bool notified = false;  // wakeFd written since the last rearm()
     bool stopping = false;
     int wakeFd; // -1 once the pool has stopped: the descriptor may be closed after that
 
     explicit Shared(int fd) : wakeFd(fd) {
-        pthread_mutex_init(&mutex, nullptr);
+        // Held for a few instructions at a time by up to all threads at
+        // once: a short spin is cheaper than a sleep and a wake-up.
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP);
+        pthread_mutex_init(&mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
         pthread_cond_init(&work, nullptr);
         pthread_cond_init(&answered, nullptr);
     }
@@ -31,6 +55,50 @@ struct WorkerPool::Shared {
         pthread_cond_destroy(&answered);
         pthread_cond_destroy(&work);
         pthread_mutex_destroy(&mutex);
+    }
+
+    // With the mutex held: queues data (in lane, unless null). Returns
+    // whether a waiting thread is to be woken for it (once the mutex is
+    // released): one that waits and has no signal on its way yet.
+    bool add(Listener::WorkerData* data, const std::string* lane) {
+        data->wakeFd = -1; // the pool wakes the listen thread itself
+        if (!lane) {
+            ready.push_back(Ready{data, lanes.end(), false});
+        } else {
+            auto entry = lanes.find(*lane);
+            if (entry != lanes.end()) {
+                entry->second.waiting.push_back(data); // behind the one ready or in a call
+                return false;
+            }
+            ready.push_back(Ready{data, lanes.emplace(*lane, Lane()).first, true});
+        }
+        if (idle <= signalled) return false;
+        ++signalled;
+        return true;
+    }
+
+    // With the mutex held: the call of record has ended with answer (null:
+    // abandoned, the record deleted); its lane's next record becomes ready,
+    // for the thread that ran this one. Returns whether the listen thread's
+    // descriptor is to be written (once the mutex is released).
+    bool ended(const Ready& record, int* answer) {
+        bool wake = false;
+        if (answer) {
+            answers.emplace_back(record.data, answer);
+            if (takers > 0) pthread_cond_broadcast(&answered);
+            if (!notified && wakeFd >= 0) wake = notified = true;
+        }
+        if (!record.inLane) return wake;
+        Lane& lane = record.lane->second;
+        if (lane.waiting.empty()) {
+            lanes.erase(record.lane);
+            return wake;
+        }
+        // Behind the records that were ready before it: a lane with many
+        // messages does not keep a thread from the others.
+        ready.push_back(Ready{lane.waiting.front(), record.lane, true});
+        lane.waiting.pop_front();
+        return wake;
     }
 };
 
@@ -66,45 +134,65 @@ void* WorkerPool::threadBody(void* arg) {
     Shared& pool = *start->shared;
     pthread_mutex_lock(&pool.mutex);
     for (;;) {
-        while (pool.queue.empty() && !pool.stopping) pthread_cond_wait(&pool.work, &pool.mutex);
+        while (pool.ready.empty() && !pool.stopping) {
+            ++pool.idle;
+            pthread_cond_wait(&pool.work, &pool.mutex);
+            --pool.idle;
+            if (pool.signalled > 0) --pool.signalled;
+        }
         if (pool.stopping) break;
-        Listener::WorkerData* data = pool.queue.front();
-        pool.queue.pop_front();
+        const Shared::Ready record = pool.ready.front();
+        pool.ready.pop_front();
         pool.busy[start->index] = true;
         pthread_mutex_unlock(&pool.mutex);
 
         // The record's wakeFd is -1: the pool wakes the listen thread itself,
         // once the answer is where the listen thread looks for it.
-        int* answer = static_cast<int*>(Listener::listener_worker_func(data));
+        int* answer = static_cast<int*>(Listener::listener_worker_func(record.data));
 
         pthread_mutex_lock(&pool.mutex);
         pool.busy[start->index] = false;
-        if (answer) { // null: abandoned, and the record deleted
-            pool.answers.emplace_back(data, answer);
-            pthread_cond_broadcast(&pool.answered);
-            if (pool.wakeFd >= 0) {
-                const uint64_t one = 1;
-                ssize_t ignored = ::write(pool.wakeFd, &one, sizeof one);
-                (void)ignored; // a full counter already wakes the listen thread
-            }
+        if (pool.ended(record, answer)) {
+            // Outside the mutex: the other threads go on meanwhile. The
+            // descriptor stays open until the pool has stopped, and stop()
+            // waits for this thread.
+            const int fd = pool.wakeFd;
+            pthread_mutex_unlock(&pool.mutex);
+            const uint64_t one = 1;
+            ssize_t ignored = ::write(fd, &one, sizeof one);
+            (void)ignored; // a full counter already wakes the listen thread
+            pthread_mutex_lock(&pool.mutex);
         }
     }
     pthread_mutex_unlock(&pool.mutex);
     return nullptr;
 }
 
-void WorkerPool::hand(Listener::WorkerData* data) {
-    data->wakeFd = -1;
+void WorkerPool::hand(Listener::WorkerData* data) { handAll({{data, nullptr}}); }
+
+void WorkerPool::hand(Listener::WorkerData* data, const std::string& lane) { handAll({{data, &lane}}); }
+
+void WorkerPool::handAll(const std::vector<Handed>& records) {
+    int wakes = 0;
     pthread_mutex_lock(&shared->mutex);
-    shared->queue.push_back(data);
-    pthread_cond_signal(&shared->work);
+    for (const Handed& record : records) {
+        if (shared->add(record.first, record.second)) ++wakes;
+    }
     pthread_mutex_unlock(&shared->mutex);
+    // Woken outside the mutex, a thread does not wait for it at once.
+    while (wakes-- > 0) pthread_cond_signal(&shared->work);
 }
 
 void WorkerPool::collect(std::vector<Answer>* out) {
     pthread_mutex_lock(&shared->mutex);
     out->insert(out->end(), shared->answers.begin(), shared->answers.end());
     shared->answers.clear();
+    pthread_mutex_unlock(&shared->mutex);
+}
+
+void WorkerPool::rearm() {
+    pthread_mutex_lock(&shared->mutex);
+    shared->notified = false;
     pthread_mutex_unlock(&shared->mutex);
 }
 
@@ -119,14 +207,21 @@ int* WorkerPool::takeAnswer(Listener::WorkerData* data) {
             pthread_mutex_unlock(&shared->mutex);
             return answer;
         }
+        ++shared->takers;
         pthread_cond_wait(&shared->answered, &shared->mutex);
+        --shared->takers;
     }
 }
 
 std::vector<Listener::WorkerData*> WorkerPool::withdraw() {
     pthread_mutex_lock(&shared->mutex);
-    std::vector<Listener::WorkerData*> unstarted(shared->queue.begin(), shared->queue.end());
-    shared->queue.clear();
+    std::vector<Listener::WorkerData*> unstarted;
+    for (const Shared::Ready& record : shared->ready) unstarted.push_back(record.data);
+    shared->ready.clear();
+    for (auto& lane : shared->lanes) {
+        unstarted.insert(unstarted.end(), lane.second.waiting.begin(), lane.second.waiting.end());
+        lane.second.waiting.clear();
+    }
     shared->stopping = true;
     pthread_cond_broadcast(&shared->work);
     pthread_mutex_unlock(&shared->mutex);

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,17 @@ namespace internal {
  * connection (StompClient::useWorkerPool). The listen thread hands each
  * record to the pool; a free thread calls its listener and publishes the
  * answer, then wakes the listen thread through its eventfd.
+ *
+ * Records handed with a lane (in-order delivery: the destination) run one
+ * at a time and in the order handed: a lane's next record becomes ready
+ * when its last call returns, and the thread that ran it goes on with the
+ * oldest ready record, of its own lane or another.
+ *
+ * Wake-ups cost system calls and are kept to those needed: a thread is
+ * signalled only while one waits without a signal on its way, the listen
+ * thread's eventfd is written only for the first answer since it last
+ * emptied it (rearm()), and a caller of takeAnswer() is woken only while one
+ * waits.
  *
  * A record keeps the life it has with a thread of its own: the listen
  * thread may abandon it (Listener::WorkerData::abandoned) when its call does
@@ -45,8 +57,16 @@ public:
     int size() const { return static_cast<int>(threads.size()); }
     /** Queues a record for the next free thread. */
     void hand(Listener::WorkerData* data);
+    /** Queues a record behind the records of lane not yet ended: one call of a lane at a time, in this order. */
+    void hand(Listener::WorkerData* data, const std::string& lane);
+    /** A record and its lane (null: none). */
+    using Handed = std::pair<Listener::WorkerData*, const std::string*>;
+    /** hand() for each, in this order, at the cost of one. */
+    void handAll(const std::vector<Handed>& records);
     /** Moves the answers published since the last call into out. */
     void collect(std::vector<Answer>* out);
+    /** The wake-up descriptor has been emptied: the next answer writes it again. */
+    void rearm();
     /** The answer to data, once published: for a record marked done, whose answer follows at once. */
     int* takeAnswer(Listener::WorkerData* data);
     /** No more calls start; the records handed but not started are given back (no call, no answer). */
