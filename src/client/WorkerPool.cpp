@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/WorkerPool.h"
 
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -25,18 +28,27 @@ struct WorkerPool::Shared {
         bool inLane;
     };
 
+    // Where a sleeping thread is woken, and given its record: it takes the
+    // record without the mutex, so threads woken together do not queue for it.
+    struct Mailbox {
+        sem_t wake;
+        Ready given{nullptr, {}, false};
+        std::atomic<bool> full{false};
+        Mailbox() { sem_init(&wake, 0, 0); }
+        ~Mailbox() { sem_destroy(&wake); }
+    };
+
     pthread_mutex_t mutex;
-    pthread_cond_t work;     // a record is ready, or the pool stops
     pthread_cond_t answered; // an answer was published
     std::deque<Ready> ready;
     // The lanes with a record ready or in a call; a lane without one has no entry.
     std::map<std::string, Lane> lanes;
     std::vector<Answer> answers;
-    std::vector<bool> busy; // by thread: inside a call
-    int idle = 0;           // threads waiting for work
-    int signalled = 0;      // signals to them not yet taken up
-    int takers = 0;         // callers of takeAnswer waiting
-    bool notified = false;  // wakeFd written since the last rearm()
+    std::vector<bool> busy;                          // by thread: inside a call, or given a record
+    std::vector<std::unique_ptr<Mailbox>> mailboxes; // by thread
+    std::vector<size_t> asleep;                      // the threads waiting on their mailbox, not yet woken
+    int takers = 0;                                  // callers of takeAnswer waiting
+    bool notified = false;                           // wakeFd written since the last rearm()
     bool stopping = false;
     int wakeFd; // -1 once the pool has stopped: the descriptor may be closed after that
 
@@ -48,33 +60,40 @@ struct WorkerPool::Shared {
         pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP);
         pthread_mutex_init(&mutex, &attributes);
         pthread_mutexattr_destroy(&attributes);
-        pthread_cond_init(&work, nullptr);
         pthread_cond_init(&answered, nullptr);
     }
     ~Shared() {
         pthread_cond_destroy(&answered);
-        pthread_cond_destroy(&work);
         pthread_mutex_destroy(&mutex);
     }
 
-    // With the mutex held: queues data (in lane, unless null). Returns
-    // whether a waiting thread is to be woken for it (once the mutex is
-    // released): one that waits and has no signal on its way yet.
-    bool add(Listener::WorkerData* data, const std::string* lane) {
-        data->wakeFd = -1; // the pool wakes the listen thread itself
-        if (!lane) {
-            ready.push_back(Ready{data, lanes.end(), false});
-        } else {
-            auto entry = lanes.find(*lane);
-            if (entry != lanes.end()) {
-                entry->second.waiting.push_back(data); // behind the one ready or in a call
-                return false;
-            }
-            ready.push_back(Ready{data, lanes.emplace(*lane, Lane()).first, true});
+    // With the mutex held: a record is ready. A sleeping thread is given it
+    // and returned (to be woken once the mutex is released), else it waits
+    // for the next free thread and -1 is returned.
+    long makeReady(const Ready& record) {
+        if (asleep.empty()) {
+            ready.push_back(record);
+            return -1;
         }
-        if (idle <= signalled) return false;
-        ++signalled;
-        return true;
+        const size_t index = asleep.back();
+        asleep.pop_back();
+        busy[index] = true;
+        Mailbox& mailbox = *mailboxes[index];
+        mailbox.given = record;
+        mailbox.full.store(true, std::memory_order_release);
+        return static_cast<long>(index);
+    }
+
+    // With the mutex held: queues data (in lane, unless null); as makeReady().
+    long add(Listener::WorkerData* data, const std::string* lane) {
+        data->wakeFd = -1; // the pool wakes the listen thread itself
+        if (!lane) return makeReady(Ready{data, lanes.end(), false});
+        auto entry = lanes.find(*lane);
+        if (entry != lanes.end()) {
+            entry->second.waiting.push_back(data); // behind the one ready or in a call
+            return -1;
+        }
+        return makeReady(Ready{data, lanes.emplace(*lane, Lane()).first, true});
     }
 
     // With the mutex held: the call of record has ended with answer (null:
@@ -105,6 +124,7 @@ struct WorkerPool::Shared {
 WorkerPool::WorkerPool(int count, WorkerStacks& s, size_t stackSize, int wakeFd)
     : shared(std::make_shared<Shared>(wakeFd)), stacks(s), stopped(false) {
     shared->busy.assign(static_cast<size_t>(count), false);
+    for (int i = 0; i < count; ++i) shared->mailboxes.emplace_back(new Shared::Mailbox());
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     for (int i = 0; i < count; ++i) {
@@ -132,19 +152,28 @@ WorkerPool::~WorkerPool() {
 void* WorkerPool::threadBody(void* arg) {
     std::unique_ptr<Start> start(static_cast<Start*>(arg));
     Shared& pool = *start->shared;
+    Shared::Mailbox& mailbox = *pool.mailboxes[start->index];
     pthread_mutex_lock(&pool.mutex);
     for (;;) {
-        while (pool.ready.empty() && !pool.stopping) {
-            ++pool.idle;
-            pthread_cond_wait(&pool.work, &pool.mutex);
-            --pool.idle;
-            if (pool.signalled > 0) --pool.signalled;
-        }
         if (pool.stopping) break;
-        const Shared::Ready record = pool.ready.front();
-        pool.ready.pop_front();
-        pool.busy[start->index] = true;
-        pthread_mutex_unlock(&pool.mutex);
+        Shared::Ready record{nullptr, {}, false};
+        if (!pool.ready.empty()) {
+            record = pool.ready.front();
+            pool.ready.pop_front();
+            pool.busy[start->index] = true;
+            pthread_mutex_unlock(&pool.mutex);
+        } else {
+            pool.asleep.push_back(start->index);
+            pthread_mutex_unlock(&pool.mutex);
+            while (sem_wait(&mailbox.wake) != 0 && errno == EINTR) {
+            }
+            // Woken with a record, or to stop (or the record was withdrawn).
+            if (!mailbox.full.exchange(false, std::memory_order_acq_rel)) {
+                pthread_mutex_lock(&pool.mutex);
+                continue;
+            }
+            record = mailbox.given;
+        }
 
         // The record's wakeFd is -1: the pool wakes the listen thread itself,
         // once the answer is where the listen thread looks for it.
@@ -173,14 +202,15 @@ void WorkerPool::hand(Listener::WorkerData* data) { handAll({{data, nullptr}}); 
 void WorkerPool::hand(Listener::WorkerData* data, const std::string& lane) { handAll({{data, &lane}}); }
 
 void WorkerPool::handAll(const std::vector<Handed>& records) {
-    int wakes = 0;
+    std::vector<long> woken;
     pthread_mutex_lock(&shared->mutex);
     for (const Handed& record : records) {
-        if (shared->add(record.first, record.second)) ++wakes;
+        const long index = shared->add(record.first, record.second);
+        if (index >= 0) woken.push_back(index);
     }
     pthread_mutex_unlock(&shared->mutex);
     // Woken outside the mutex, a thread does not wait for it at once.
-    while (wakes-- > 0) pthread_cond_signal(&shared->work);
+    for (long index : woken) sem_post(&shared->mailboxes[static_cast<size_t>(index)]->wake);
 }
 
 void WorkerPool::collect(std::vector<Answer>* out) {
@@ -222,9 +252,18 @@ std::vector<Listener::WorkerData*> WorkerPool::withdraw() {
         unstarted.insert(unstarted.end(), lane.second.waiting.begin(), lane.second.waiting.end());
         lane.second.waiting.clear();
     }
+    // A record given to a thread that has not taken it yet is taken back.
+    for (size_t index = 0; index < shared->mailboxes.size(); ++index) {
+        Shared::Mailbox& mailbox = *shared->mailboxes[index];
+        if (!mailbox.full.exchange(false, std::memory_order_acq_rel)) continue;
+        unstarted.push_back(mailbox.given.data);
+        shared->busy[index] = false;
+    }
     shared->stopping = true;
-    pthread_cond_broadcast(&shared->work);
+    std::vector<size_t> asleep;
+    asleep.swap(shared->asleep);
     pthread_mutex_unlock(&shared->mutex);
+    for (size_t index : asleep) sem_post(&shared->mailboxes[index]->wake);
     return unstarted;
 }
 

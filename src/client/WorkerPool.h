@@ -28,11 +28,12 @@ namespace internal {
  * when its last call returns, and the thread that ran it goes on with the
  * oldest ready record, of its own lane or another.
  *
- * Wake-ups cost system calls and are kept to those needed: a thread is
- * signalled only while one waits without a signal on its way, the listen
- * thread's eventfd is written only for the first answer since it last
- * emptied it (rearm()), and a caller of takeAnswer() is woken only while one
- * waits.
+ * Wake-ups cost system calls and are kept to those needed: a record is
+ * given straight to a sleeping thread (which takes it without the mutex)
+ * and only that thread is woken; a thread that finds a record ready does
+ * not sleep; the listen thread's eventfd is written only for the first
+ * answer since it last emptied it (rearm()); and a caller of takeAnswer()
+ * is woken only while one waits.
  *
  * A record keeps the life it has with a thread of its own: the listen
  * thread may abandon it (Listener::WorkerData::abandoned) when its call does
