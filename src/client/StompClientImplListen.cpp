@@ -508,9 +508,10 @@ void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {
 
 void StompClientImpl::ListenLoop::drainWakeUps() {
     if (wakeFd < 0) return;
+    // One read takes the whole count and sets it to zero.
     uint64_t count;
-    while (::read(wakeFd, &count, sizeof count) > 0) {
-    }
+    ssize_t ignored = ::read(wakeFd, &count, sizeof count);
+    (void)ignored; // nothing to read (EAGAIN) is what an empty counter says
     if (pool) pool->rearm();
 }
 
