@@ -528,7 +528,13 @@ TEST_P(BrokerRestartSoak, EveryAcceptedMessageArrivesAndNothingGrows) {
     EXPECT_GE(restarts, 1) << "too short a run for a restart: give it at least " << firstStop + tailAfterStop << " s";
     EXPECT_GE(logA.connections(), restarts + 1);
     EXPECT_GE(logB.connections(), restarts + 1);
-    EXPECT_GE(s.accepted * 2, s.sent) << "the broker accepted less than half of what was sent";
+    // A broker accepts nothing while it stops and starts (20 s and more for
+    // RabbitMQ on a loaded machine): half of what was sent while it was up.
+    double down = 0;
+    for (size_t i = 0; i < stopSeconds.size(); ++i) down += stopSeconds[i] + startSeconds[i];
+    const double upShare = std::max(0.0, 1.0 - down / (seconds + 5.0)); // with the 5 s of warm-up
+    EXPECT_GE(s.accepted * 2.0, s.sent * upShare)
+        << "the broker accepted less than half of what was sent while it was up (" << upShare * 100 << " % of the run)";
     EXPECT_EQ(s.foreign, 0u);
     EXPECT_EQ(exceptions.load(), 0u);
     EXPECT_TRUE(clientA->isConnected() && clientB->isConnected());
