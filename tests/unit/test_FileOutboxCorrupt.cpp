@@ -123,6 +123,13 @@ TEST_F(FileOutboxCorrupt, ANewerFormatIsMovedAside) {
     expectMovedAside("its format 2 is newer than this library's 1");
 }
 
+TEST_F(FileOutboxCorrupt, AFileWithTheOutboxsMarksButNotItsTablesIsMovedAside) {
+    // In the log mode outboxes use, which opening turns on before it reads the tables.
+    sql("PRAGMA journal_mode = WAL; PRAGMA application_id = 1414942530; PRAGMA user_version = 1;"
+        " CREATE TABLE notes (text TEXT);");
+    expectMovedAside("SQL logic error");
+}
+
 TEST_F(FileOutboxCorrupt, TheLogAndSharedMemoryGoAsideWithTheFile) {
     std::ofstream(path(), std::ios::binary) << std::string(4096, 'x');
     std::ofstream(path() + "-wal", std::ios::binary) << "log";
