@@ -13,6 +13,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
 #include <string>
 #include <vector>
@@ -101,6 +104,27 @@ TEST_F(FileOutboxOpening, ANewFileTheStorageCallsMalformedIsNotMovedAsideAgain) 
               lines[0]);
     TestVfs::failWritesAfter(-1, SQLITE_FULL);
     expectUsable();
+}
+
+TEST_F(FileOutboxOpening, APathLongerThanSQLiteTakesIsNotOpened) {
+    // Linux opens and locks it; SQLite takes paths of 512 bytes at the most.
+    std::vector<std::string> folders;
+    std::string path = folder.path;
+    for (int i = 0; i < 3; ++i) {
+        path += "/" + std::string(200, static_cast<char>('a' + i));
+        ASSERT_EQ(0, mkdir(path.c_str(), 0700));
+        folders.push_back(path);
+    }
+    path += "/outbox.db";
+    try {
+        openOutbox(fileOptions(path));
+        ADD_FAILURE() << "opened an outbox SQLite cannot name";
+    } catch (const tavren::OutboxException& e) {
+        EXPECT_EQ("The outbox file " + path + " cannot be opened (unable to open database file).",
+                  std::string(e.what()));
+    }
+    EXPECT_EQ(0, unlink(path.c_str()));
+    for (auto it = folders.rbegin(); it != folders.rend(); ++it) EXPECT_EQ(0, rmdir(it->c_str()));
 }
 
 /** Makes every connection opened after it refuse statements of more than six parameters. */
