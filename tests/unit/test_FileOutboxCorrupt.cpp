@@ -3,14 +3,18 @@
 #include "support/OutboxFiles.h"
 #include "support/TempFolder.h"
 
+#include <tavren/OutboxException.h>
+
 #include <sqlite3.h>
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 
 namespace tavren {
@@ -123,11 +127,55 @@ TEST_F(FileOutboxCorrupt, ANewerFormatIsMovedAside) {
     expectMovedAside("its format 2 is newer than this library's 1");
 }
 
+TEST_F(FileOutboxCorrupt, AFileWithTheOutboxsMarksButNotItsTablesIsMovedAside) {
+    // In the log mode outboxes use, which opening turns on before it reads the tables.
+    sql("PRAGMA journal_mode = WAL; PRAGMA application_id = 1414942530; PRAGMA user_version = 1;"
+        " CREATE TABLE notes (text TEXT);");
+    expectMovedAside("SQL logic error");
+}
+
 TEST_F(FileOutboxCorrupt, TheLogAndSharedMemoryGoAsideWithTheFile) {
     std::ofstream(path(), std::ios::binary) << std::string(4096, 'x');
     std::ofstream(path() + "-wal", std::ios::binary) << "log";
     std::ofstream(path() + "-shm", std::ios::binary) << "shm";
     expectMovedAside("file is not a database", {"", "-shm", "-wal"});
+}
+
+/** 0 when opening the garbage in path fails as it should in a folder that cannot be changed; else what went wrong. */
+int checkNotMovedAside(const std::string& path) {
+    std::vector<std::string> lines;
+    try {
+        openOutbox(fileOptions(path), &lines);
+        return 1;
+    } catch (const tavren::OutboxException& e) {
+        const std::string expected = "The outbox file " + path +
+                                     " could not be read as an outbox (file is not a database) nor moved aside"
+                                     " (Permission denied).";
+        if (e.what() != expected) {
+            std::fprintf(stderr, "%s\n", e.what());
+            return 2;
+        }
+    }
+    return lines.empty() ? 0 : 3;
+}
+
+TEST_F(FileOutboxCorrupt, GarbageThatCannotBeMovedAsideIsNotOpened) {
+    std::ofstream(path(), std::ios::binary) << std::string(4096, 'x');
+    ASSERT_EQ(0, chmod(path().c_str(), 0666));
+    ASSERT_EQ(0, chmod(folder.path.c_str(), 0555));
+    if (geteuid() != 0) {
+        EXPECT_EQ(0, checkNotMovedAside(path()));
+    } else {
+        // Root changes any folder: the check runs as nobody.
+        const pid_t child = fork();
+        if (child == 0) _exit(setgid(65534) == 0 && setuid(65534) == 0 ? checkNotMovedAside(path()) : 7);
+        int status = -1;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(0, WEXITSTATUS(status));
+    }
+    ASSERT_EQ(0, chmod(folder.path.c_str(), 0700));
+    EXPECT_EQ(std::vector<std::string>{"outbox.db"}, folder.names());
 }
 
 TEST_F(FileOutboxCorrupt, AnEmptyFileBecomesAnOutboxWithoutALine) {
