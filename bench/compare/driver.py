@@ -75,6 +75,13 @@ def log(text):
     print("[bench %s] %s" % (time.strftime("%H:%M:%S"), text), flush=True)
 
 
+def client_env(client, name):
+    """What a client's process gets in its environment: its CLIENT_ENV, and where libtavren writes its log."""
+    env = {"BENCH_TAVREN_LOG": os.path.join(WORK, "logs", name + ".tavren.log")}
+    env.update(CLIENT_ENV.get(client, {}))
+    return env
+
+
 def client_cmd(client, mode, port, version, q, n, extra=None):
     scripts = os.path.join(HERE, "clients")
     head = {
@@ -242,9 +249,7 @@ def run_send(broker, client, rep):
     version = VERSIONS[broker]
     q = "bench-%s-%s-%d-%d" % ("senddiscard" if discard else "send", SHORT[client], rep, PID)
     name = "send-%s-%s-%d" % (broker, SHORT[client], rep)
-    env = {"BENCH_TAVREN_LOG": os.path.join(WORK, "logs", name + ".tavren.log")}
-    env.update(CLIENT_ENV.get(client, {}))
-    p = Proc(client_cmd(client, "send", port, version, q, N), name, 300, env)
+    p = Proc(client_cmd(client, "send", port, version, q, N), name, 300, client_env(client, name))
     p.finish(320)
     r = p.result()
     out = {"cpu_s": p.cpu()}
@@ -268,8 +273,9 @@ def run_receive(broker, client, rep, n, workload, timeout, watch=False):
     relay = Proc([os.path.join(BIN, "ack_relay"), HOST, str(port), str(n), os.path.join(WORK, "logs", name + ".acks")],
                  name + "-relay", timeout)
     rport = int(relay.wait_for("PORT", 10).split()[1])
-    tavren_log = os.path.join(WORK, "logs", name + ".tavren.log")
-    p = Proc(client_cmd(client, "receive", rport, version, q, n), name, timeout, {"BENCH_TAVREN_LOG": tavren_log})
+    env = client_env(client, name)
+    tavren_log = env["BENCH_TAVREN_LOG"]
+    p = Proc(client_cmd(client, "receive", rport, version, q, n), name, timeout, env)
     peak = {"threads": 0, "rss": 0, "stop": False}
 
     def poll_status():
@@ -344,8 +350,7 @@ def run_roundtrip(broker, client, rep):
     version = VERSIONS[broker]
     q = "bench-roundtrip-%s-%d-%d" % (SHORT[client], rep, PID)
     name = "roundtrip-%s-%s-%d" % (broker, SHORT[client], rep)
-    p = Proc(client_cmd(client, "roundtrip", port, version, q, RT), name, 300,
-             {"BENCH_TAVREN_LOG": os.path.join(WORK, "logs", name + ".tavren.log")})
+    p = Proc(client_cmd(client, "roundtrip", port, version, q, RT), name, 300, client_env(client, name))
     p.finish(320)
     r = p.result()
     out = {}
@@ -374,7 +379,7 @@ def run_ackdelay(broker, rep):
     relay = Proc([os.path.join(BIN, "ack_relay"), HOST, str(port), str(N), ackfile], name + "-relay", timeout)
     rport = int(relay.wait_for("PORT", 10).split()[1])
     p = Proc(client_cmd("libtavren", "ackdelay", rport, version, q, N, endfile), name, timeout,
-             {"BENCH_TAVREN_LOG": os.path.join(WORK, "logs", name + ".tavren.log")})
+             client_env("libtavren", name))
     out = {}
     if not p.wait_for("READY", 30):
         out["error"] = "libtavren did not subscribe"
@@ -415,8 +420,7 @@ def run_footprint(broker, rep):
     for client in CLIENTS:
         q = "bench-footprint-%s-%d-%d" % (SHORT[client], rep, PID)
         name = "footprint-%s-%s-%d" % (broker, SHORT[client], rep)
-        procs[client] = Proc(client_cmd(client, "idle", port, version, q, 0), name, 120,
-                             {"BENCH_TAVREN_LOG": os.path.join(WORK, "logs", name + ".tavren.log")})
+        procs[client] = Proc(client_cmd(client, "idle", port, version, q, 0), name, 120, client_env(client, name))
     ready = {c: bool(p.wait_for("READY", 30)) for c, p in procs.items()}
     time.sleep(2)
     out = {}
