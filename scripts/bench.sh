@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Benchmarks libtavren against a raw-socket floor and three STOMP clients of
-# other languages (stomp.py, Net::Stomp, the Ruby stomp gem) on RabbitMQ and
-# ActiveMQ, and writes docs/performance.md and docs/performance.png. Not part
-# of CI; takes about a quarter of an hour. Works as root on Debian 12.
+# Benchmarks libtavren against a raw-socket floor and four STOMP clients of
+# other languages (stomp.py, Net::Stomp, the Ruby stomp gem, @stomp/stompjs on
+# Node) on RabbitMQ and ActiveMQ, and writes docs/performance.md and
+# docs/performance.png. Not part of CI; takes about a quarter of an hour.
+# Works as root on Debian 12.
 #
 #   scripts/bench.sh
 #
-# Installs what it needs, builds libtavren (Release) in build-bench/ and the
-# comparison programs of bench/compare/ against it, starts the brokers that
-# are not running yet (and stops those again at the end), and runs
-# bench/compare/driver.py. For a quick run:
+# Installs what it needs (@stomp/stompjs and @stomp/tcp-wrapper with npm into
+# build-bench/compare/node, at the versions pinned below), builds libtavren
+# (Release) in build-bench/ and the comparison programs of bench/compare/
+# against it, starts the brokers that are not running yet (and stops those
+# again at the end), and runs bench/compare/driver.py. For a quick run:
 #   BENCH_REPS=1 BENCH_N=2000 BENCH_BACKLOG_N=5000 BENCH_RT=50 scripts/bench.sh
 #   BENCH_ONLY=send,receive scripts/bench.sh
 # A run with any of these set writes its report to build-bench/compare/docs/
@@ -27,6 +29,30 @@ started=$SECONDS
 
 echo "== Installing what the benchmark needs"
 "$root/scripts/install-deps.sh" python3-stomp libnet-stomp-perl ruby-stomp gnuplot-nox
+# Node and npm from Debian, unless the machine has them already (a Node of
+# another origin ships its own npm, which Debian's npm package conflicts with).
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+  "$root/scripts/install-deps.sh" nodejs npm
+fi
+node_modules=$work/node/node_modules
+stompjs_packages=(@stomp/stompjs@7.5.0 @stomp/tcp-wrapper@1.0.1)
+installed_version() { # the version of package $1 in $node_modules, or nothing
+  node -p "require('$node_modules/$1/package.json').version" 2>/dev/null || true
+}
+for package in "${stompjs_packages[@]}"; do
+  if [ "$(installed_version "${package%@*}")" != "${package##*@}" ]; then
+    echo "Installing ${stompjs_packages[*]} with npm in $work/node"
+    mkdir -p "$work/node"
+    npm install --prefix "$work/node" --save-exact --no-audit --no-fund "${stompjs_packages[@]}" >"$work/npm.log" 2>&1 \
+      || { tail -40 "$work/npm.log"; exit 1; }
+    break
+  fi
+done
+versions=
+for package in "${stompjs_packages[@]}"; do
+  versions+="${package%@*} $(installed_version "${package%@*}"), "
+done
+echo "${versions}Node $(node --version)"
 
 echo "== Building libtavren (Release) in $build"
 mkdir -p "$work/bin"
@@ -68,7 +94,7 @@ command=${BENCH_COMMAND:-$command}
 
 echo "== Running the comparison (logs in $work/run)"
 rm -rf "$work/run"
-BENCH_BIN=$work/bin BENCH_WORK=$work/run BENCH_OUT=$BENCH_OUT BENCH_COMMAND=$command \
+BENCH_BIN=$work/bin BENCH_NODE_MODULES=$node_modules BENCH_WORK=$work/run BENCH_OUT=$BENCH_OUT BENCH_COMMAND=$command \
   BENCH_LIB_DESC=${BENCH_LIB_DESC:-} /usr/bin/python3 "$root/bench/compare/driver.py"
 
 echo "== Sending with an outbox (scripts/bench-outbox.sh)"

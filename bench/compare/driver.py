@@ -13,7 +13,9 @@ Environment: BENCH_REPS (3), BENCH_N (20000), BENCH_BACKLOG_N (100000),
 BENCH_RT (1000), BENCH_ONLY=workload,... (send, send-discard, receive,
 roundtrip, ackdelay, footprint, backlog), BENCH_BACKLOG_CLIENTS (floor,libtavren),
 BENCH_ACKDELAY_RATE (messages per second of the stream, 1000),
-BENCH_OUT (folder for docs; empty: print only).
+BENCH_OUT (folder for docs; empty: print only), BENCH_NODE_MODULES (the
+node_modules folder with @stomp/stompjs and @stomp/tcp-wrapper; scripts/bench.sh
+installs them).
 """
 import json
 import os
@@ -42,17 +44,17 @@ ONLY = [w for w in os.environ.get("BENCH_ONLY", "").split(",") if w] or ALL_WORK
 # four threads (useWorkerPool), and on four with in-order delivery.
 POOL1, POOL4, POOL4_ORDERED = "libtavren pool(1)", "libtavren pool(4)", "libtavren pool(4)+ordered"
 POOLS = [POOL1, POOL4, POOL4_ORDERED]
-CLIENTS = ["floor", "libtavren"] + POOLS + ["stomp.py", "Net::Stomp", "ruby-stomp"]
+CLIENTS = ["floor", "libtavren"] + POOLS + ["stomp.py", "Net::Stomp", "ruby-stomp", "stompjs"]
 # The floor a second time, writing one frame per write, for the send workloads
 # only: the limit for a client whose send call puts its frame on the wire
 # before it returns (the batched floor is the limit of the socket).
 FLOOR1 = "floor (1 write per frame)"
-SEND_CLIENTS = ["floor", FLOOR1, "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp"]
+SEND_CLIENTS = ["floor", FLOOR1, "libtavren", "stomp.py", "Net::Stomp", "ruby-stomp", "stompjs"]
 CLIENT_ENV = {FLOOR1: {"FLOOR_BATCH": "1"},
               POOL1: {"BENCH_TAVREN_POOL": "1"},
               POOL4: {"BENCH_TAVREN_POOL": "4"},
               POOL4_ORDERED: {"BENCH_TAVREN_POOL": "4", "BENCH_TAVREN_ORDERED": "1"}}
-OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp"]
+OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp", "stompjs"]
 BACKLOG_CLIENTS = [c for c in os.environ.get("BENCH_BACKLOG_CLIENTS", "floor,libtavren").split(",") if c]
 BROKERS = {"rabbitmq": int(os.environ.get("TAVREN_RABBITMQ_PORT", "61623")),
            "activemq": int(os.environ.get("TAVREN_ACTIVEMQ_PORT", "61633"))}
@@ -61,7 +63,8 @@ BROKER_NAMES = {"rabbitmq": "RabbitMQ", "activemq": "ActiveMQ", "discard": "disc
 # refuses libtavren's 1.2 ACK (docs/brokers.md) and where 1.1 serves every client.
 VERSIONS = {"rabbitmq": "1.2", "activemq": "1.1", "discard": "1.2"}
 SHORT = {"floor": "floor", FLOOR1: "floor1", "libtavren": "tavren", "stomp.py": "stomppy", "Net::Stomp": "netstomp",
-         "ruby-stomp": "rubystomp", POOL1: "tavrenpool1", POOL4: "tavrenpool4", POOL4_ORDERED: "tavrenpool4o"}
+         "ruby-stomp": "rubystomp", "stompjs": "stompjs", POOL1: "tavrenpool1", POOL4: "tavrenpool4",
+         POOL4_ORDERED: "tavrenpool4o"}
 for w in ONLY:
     if w not in ALL_WORKLOADS:
         sys.exit("unknown workload %s (BENCH_ONLY)" % w)
@@ -94,6 +97,8 @@ def client_cmd(client, mode, port, version, q, n, extra=None):
         "stomp.py": ["/usr/bin/python3", os.path.join(scripts, "stomp_py.py")],
         "Net::Stomp": ["/usr/bin/perl", os.path.join(scripts, "net_stomp.pl")],
         "ruby-stomp": ["/usr/bin/ruby", os.path.join(scripts, "ruby_stomp.rb")],
+        # Finds the packages through BENCH_NODE_MODULES (ES modules do not read NODE_PATH).
+        "stompjs": ["/usr/bin/node", os.path.join(scripts, "stompjs.mjs")],
     }[client]
     cmd = head + [mode, HOST, str(port), version, q, str(n)]
     if extra is not None:

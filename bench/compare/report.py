@@ -13,10 +13,10 @@ import sys
 import time
 
 CLIENTS = ["floor", "libtavren", "libtavren pool(1)", "libtavren pool(4)", "libtavren pool(4)+ordered", "stomp.py",
-           "Net::Stomp", "ruby-stomp"]
+           "Net::Stomp", "ruby-stomp", "stompjs"]
 # The floor writing one frame per write; measured for send and send-discard only.
 FLOOR1 = "floor (1 write per frame)"
-OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp"]
+OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp", "stompjs"]
 BROKER_NAMES = {"rabbitmq": "RabbitMQ", "activemq": "ActiveMQ", "discard": "discard"}
 BOTH = ["rabbitmq", "activemq"]
 
@@ -198,6 +198,15 @@ def sh(cmd):
         return ""
 
 
+def npm_version(package):
+    """The version of an npm package in BENCH_NODE_MODULES, or an empty string."""
+    try:
+        with open(os.path.join(os.environ.get("BENCH_NODE_MODULES", ""), package, "package.json")) as f:
+            return json.load(f).get("version", "")
+    except (OSError, ValueError):
+        return ""
+
+
 def machine():
     model = sh("grep -m1 'model name' /proc/cpuinfo | cut -d: -f2").strip()
     pkgs = {p: sh("dpkg-query -W -f='${Version}' %s 2>/dev/null" % p)
@@ -209,17 +218,20 @@ def machine():
         "debian": sh("cat /etc/debian_version"),
         "pkgs": pkgs,
         "memory": sh("free -m | awk '/Mem:/{print $2}'"),
+        "node": sh("/usr/bin/node --version"),
+        "npm": {p: npm_version(p) for p in ["@stomp/stompjs", "@stomp/tcp-wrapper"]},
     }
 
 
 PLOT_TITLES = {"floor": "raw floor (C++)", FLOOR1: "raw floor, 1 write per frame", "libtavren": "libtavren",
                "stomp.py": "stomp.py", "Net::Stomp": "Net::Stomp", "ruby-stomp": "ruby stomp gem",
+               "stompjs": "stompjs (Node)",
                "libtavren pool(1)": "libtavren, pool of 1", "libtavren pool(4)": "libtavren, pool of 4",
                "libtavren pool(4)+ordered": "libtavren, pool of 4, in order"}
 # Each client keeps its colour whether the per-frame floor is there or not; that one is a lighter floor.
 PLOT_COLOURS = {"floor": "lt 1", FLOOR1: "lc rgb '#c9a7eb'", "libtavren": "lt 2", "stomp.py": "lt 3",
                 "Net::Stomp": "lt 4", "ruby-stomp": "lt 5", "libtavren pool(1)": "lt 6", "libtavren pool(4)": "lt 7",
-                "libtavren pool(4)+ordered": "lt 8"}
+                "libtavren pool(4)+ordered": "lt 8", "stompjs": "lc rgb '#8c564b'"}
 
 
 def plot(results, path):
@@ -279,15 +291,18 @@ METHOD = """\
   `bench/compare/tavren_client.cpp`, the public headers only
   (`<tavren/tavren.h>`), linked against the built `libtavren.so`, with the
   library's defaults (workers, stack size); its log goes to a file.
-  *stomp.py* (python3-stomp), *Net::Stomp* (libnet-stomp-perl) and the *Ruby
-  stomp gem* (ruby-stomp): `bench/compare/clients/`, each used the way its
-  documentation shows. Every client offers 1.2 to RabbitMQ and 1.1 to ActiveMQ
+  *stomp.py* (python3-stomp), *Net::Stomp* (libnet-stomp-perl), the *Ruby
+  stomp gem* (ruby-stomp) and *stompjs* (`@stomp/stompjs` with
+  `@stomp/tcp-wrapper` from npm, on Node: its Client with the TCP wrapper as
+  its socket, the message callback ACKs each message on Node's event loop):
+  `bench/compare/clients/`, each used the way its documentation shows. Every
+  client offers 1.2 to RabbitMQ and 1.1 to ActiveMQ
   (ActiveMQ refuses libtavren's 1.2 ACK, see `docs/brokers.md`; 1.1 works for
   every client there) and 1.2 to the discard server.
 - **Two floors for sending.** The batched floor is the limit of the socket:
   what the path takes when frames are gathered into large writes. A client
   whose send call puts its frame on the wire before it returns, as
-  libtavren's `sendToQueue` does and as the send calls of the other three
+  libtavren's `sendToQueue` does and as the send calls of the other
   clients do, cannot gather frames of several calls; it pays at least one
   write (one system call, and on loopback the broker's wake-up) per frame.
   The floor writing one frame per write is the limit for such a client, and
@@ -296,8 +311,9 @@ METHOD = """\
   itself. For the other figures only the batched floor is measured.
 - **TCP_NODELAY** is on for every client: libtavren sets it, the floor sets it
   so that it is compared on the same terms, the Ruby gem sets it by default,
-  and the stomp.py and Net::Stomp clients set it on the library's socket after
-  connecting (otherwise Nagle's algorithm holds a SEND behind an unanswered
+  the stomp.py and Net::Stomp clients set it on the library's socket after
+  connecting, and the stompjs client opens the TCP wrapper's socket with it
+  (otherwise Nagle's algorithm holds a SEND behind an unanswered
   ACK and the round trip measures the kernel's delayed-ACK timer). The relay
   sets it on both legs.
 - **Interleaving.** Within each repetition every workload runs for every
@@ -344,7 +360,7 @@ METHOD = """\
   message's ACK.
 - **footprint**: every client connected, one subscription, idle: RSS (VmRSS)
   and thread count from `/proc/PID/status` after 2 s, then the CPU time of
-  all its threads (`/proc/PID/task/*/schedstat`) over 5 more seconds. The five
+  all its threads (`/proc/PID/task/*/schedstat`) over 5 more seconds. All
   clients idle side by side, since idle clients do not disturb each other.
   The scripted clients' RSS includes their interpreter.
 - **backlog**: BACKLOG_N queued messages, one subscription, through the relay
@@ -457,8 +473,9 @@ def write(results, elapsed, meta=None):
     doc = """# libtavren compared with other STOMP clients
 
 Measured by `scripts/bench.sh` on %(date)s; the run took %(minutes).1f minutes.
-It compares libtavren with a raw-socket floor and three STOMP clients of other
-languages, on RabbitMQ and ActiveMQ over loopback.
+It compares libtavren with a raw-socket floor and four STOMP clients of other
+languages (stomp.py, Net::Stomp, the Ruby stomp gem, @stomp/stompjs on Node),
+on RabbitMQ and ActiveMQ over loopback.
 
 ```sh
 %(command)s
@@ -482,7 +499,7 @@ them for a quick run.
 | Debian | %(debian)s |
 | RabbitMQ | rabbitmq-server %(rabbit)s (STOMP plugin), 127.0.0.1:61623 |
 | ActiveMQ | activemq %(amq)s, 127.0.0.1:61633 |
-| clients | python3-stomp %(pystomp)s, libnet-stomp-perl %(netstomp)s, ruby-stomp %(rubystomp)s; C++ built with g++ %(gxx)s, -O2 |
+| clients | python3-stomp %(pystomp)s, libnet-stomp-perl %(netstomp)s, ruby-stomp %(rubystomp)s, @stomp/stompjs %(stompjs)s with @stomp/tcp-wrapper %(tcpwrapper)s on Node %(node)s; C++ built with g++ %(gxx)s, -O2 |
 | libtavren | %(lib)s, CMake Release build |
 
 ## Results
@@ -515,7 +532,9 @@ Medians of the repetitions. ↑: higher is better, ↓: lower is better.
         "cpu": m["cpu"], "cores": m["cores"], "memory": m["memory"], "kernel": m["kernel"], "debian": m["debian"],
         "rabbit": m["pkgs"]["rabbitmq-server"], "amq": m["pkgs"]["activemq"],
         "pystomp": m["pkgs"]["python3-stomp"], "netstomp": m["pkgs"]["libnet-stomp-perl"],
-        "rubystomp": m["pkgs"]["ruby-stomp"], "gxx": m["pkgs"]["g++"], "lib": lib or "this tree",
+        "rubystomp": m["pkgs"]["ruby-stomp"], "stompjs": m["npm"]["@stomp/stompjs"],
+        "tcpwrapper": m["npm"]["@stomp/tcp-wrapper"], "node": m["node"], "gxx": m["pkgs"]["g++"],
+        "lib": lib or "this tree",
         "table": table_markdown(rows, clients),
         "plot": "![messages per second per client](performance.png)" if plotted else "",
         "errors": errors_markdown(results),
