@@ -62,22 +62,12 @@ void* serve(void* arg) {
 } // namespace
 
 int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN);
-    int port = 0;
-    int listener = wire::listenOn(argc > 1 ? std::atoi(argv[1]) : 0, &port);
-    std::printf("PORT %d\n", port);
-    std::fflush(stdout);
-    for (;;) {
-        int fd = accept(listener, nullptr, nullptr);
-        if (fd < 0) {
-            if (errno == EINTR) continue;
-            wire::die("accept");
-        }
+    wire::serveForever(argc > 1 ? std::atoi(argv[1]) : 0, [](int fd) {
         pthread_t thread;
         pthread_attr_t attr;
         pthread_attr_init(&attr);
         pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
         if (pthread_create(&thread, &attr, serve, reinterpret_cast<void*>(static_cast<intptr_t>(fd))) != 0) close(fd);
         pthread_attr_destroy(&attr);
-    }
+    });
 }

@@ -121,18 +121,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s COUNT [PORT]\n", argv[0]);
         return 2;
     }
-    signal(SIGPIPE, SIG_IGN);
     const long count = std::atol(argv[1]);
-    int port = 0;
-    int listener = wire::listenOn(argc > 2 ? std::atoi(argv[2]) : 0, &port);
-    std::printf("PORT %d\n", port);
-    std::fflush(stdout);
-    for (;;) {
-        int fd = accept(listener, nullptr, nullptr);
-        if (fd < 0) {
-            if (errno == EINTR) continue;
-            wire::die("accept");
-        }
-        serve(fd, count);
-    }
+    wire::serveForever(argc > 2 ? std::atoi(argv[2]) : 0, [count](int fd) { serve(fd, count); });
 }

@@ -73,6 +73,25 @@ inline int listenOn(int port, int* bound) {
     return fd;
 }
 
+// A stand-in server's main loop: listens on 127.0.0.1:port (0: a free one),
+// prints "PORT p", and hands each accepted connection to serve(fd).
+template <typename Serve>
+[[noreturn]] void serveForever(int port, Serve serve) {
+    signal(SIGPIPE, SIG_IGN);
+    int bound = 0;
+    const int listener = listenOn(port, &bound);
+    std::printf("PORT %d\n", bound);
+    std::fflush(stdout);
+    for (;;) {
+        const int fd = accept(listener, nullptr, nullptr);
+        if (fd < 0) {
+            if (errno == EINTR) continue;
+            die("accept");
+        }
+        serve(fd);
+    }
+}
+
 inline bool writeAll(int fd, const char* data, size_t size) {
     while (size > 0) {
         ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
