@@ -41,13 +41,7 @@ void* serve(void* arg) {
                 out.push_back('\0');
                 continue;
             }
-            std::string_view receipt = f.header("receipt");
-            if (!receipt.empty()) {
-                out += "RECEIPT\nreceipt-id:";
-                out += receipt;
-                out += "\n\n";
-                out.push_back('\0');
-            }
+            wire::answerReceipt(f, &out);
             if (f.command == "DISCONNECT") open = false;
         }
         if (!out.empty()) {

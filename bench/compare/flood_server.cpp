@@ -89,13 +89,7 @@ void serve(int fd, long count) {
             } else if (f.command == "DISCONNECT") {
                 disconnect = true;
             }
-            std::string_view receipt = f.header("receipt");
-            if (!receipt.empty()) {
-                out += "RECEIPT\nreceipt-id:";
-                out += receipt;
-                out += "\n\n";
-                out.push_back('\0');
-            }
+            wire::answerReceipt(f, &out);
         }
         if (!reported && acks + nacks >= count && next > 0) {
             reported = true;

@@ -200,6 +200,16 @@ private:
     size_t end = 0;
 };
 
+// Appends a RECEIPT for frame to out when it asks for one ("receipt" header).
+inline void answerReceipt(const Frame& frame, std::string* out) {
+    std::string_view receipt = frame.header("receipt");
+    if (receipt.empty()) return;
+    *out += "RECEIPT\nreceipt-id:";
+    *out += receipt;
+    *out += "\n\n";
+    out->push_back('\0');
+}
+
 // True when a line arrived on standard input (or it closed) within timeoutMs.
 inline bool stdinReady(int timeoutMs) {
     pollfd p{0, POLLIN, 0};
