@@ -272,7 +272,7 @@ bool StompClientImpl::ListenLoop::waitForWork() {
                             " messages waiting for its listener, more than it asked the broker for: reading "
                             "from the broker pauses until its listener takes one.");
         } else {
-            engine->logInfo("All " + std::to_string(workers.size()) +
+            engine->logInfo("All " + std::to_string(pool ? bound() : static_cast<int>(workers.size())) +
                             " message workers are busy: reading from the broker pauses until one finishes.");
         }
     }
@@ -342,9 +342,14 @@ void StompClientImpl::ListenLoop::readFrames() {
             if (!startWorker(waiting)) return;
             waiting = nullptr;
         }
-        if (full()) return;
+        // While every pool thread is busy the socket is left alone, but the
+        // frames it already gave queue for the next free thread: one that
+        // finishes goes on at once instead of waiting for this thread.
+        const bool socketPaused = full();
+        if (socketPaused && (!pool || ordered)) return;
         ServerFrame* frame = nullptr;
-        const apr_status_t rc = engine->connection->read(&frame, false, nullptr);
+        const apr_status_t rc =
+            socketPaused ? engine->connection->readReceived(&frame) : engine->connection->read(&frame, false, nullptr);
         if (rc == kNothingToRead) return;
         if (rc != 0) throw AprException(rc);
         dispatch(frame);
@@ -585,13 +590,19 @@ void StompClientImpl::ListenLoop::reapFinished() {
 void StompClientImpl::ListenLoop::collectAnswers() {
     answers.clear();
     pool->collect(&answers);
-    for (const WorkerPool::Answer& answer : answers) {
-        for (Worker& worker : workers) {
-            if (worker.data != answer.first) continue;
-            worker.exitValue = answer.second;
-            worker.joined = true;
-            break;
-        }
+    if (answers.empty()) return;
+    // Many records may wait for the pool's threads: one pass over them, the
+    // answers looked up by record.
+    const std::less<Listener::WorkerData*> before;
+    std::sort(answers.begin(), answers.end(),
+              [&](const WorkerPool::Answer& a, const WorkerPool::Answer& b) { return before(a.first, b.first); });
+    for (Worker& worker : workers) {
+        auto answer = std::lower_bound(
+            answers.begin(), answers.end(), worker.data,
+            [&](const WorkerPool::Answer& a, Listener::WorkerData* data) { return before(a.first, data); });
+        if (answer == answers.end() || answer->first != worker.data) continue;
+        worker.exitValue = answer->second;
+        worker.joined = true;
     }
 }
 

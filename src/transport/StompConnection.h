@@ -142,6 +142,12 @@ public:
     apr_status_t read(ServerFrame** out, bool block, long long* timeout);
 
     /**
+     * A non-blocking read that takes only bytes already received: the socket
+     * is not read. 11 when they hold no complete frame; otherwise as read().
+     */
+    apr_status_t readReceived(ServerFrame** out);
+
+    /**
      * Waits, without holding the connection's mutex, until a read may find
      * something (bytes already received but not parsed yet count at once),
      * or wakeFd (when >= 0) is readable, or timeoutMs passed. With
@@ -178,6 +184,8 @@ protected:
     static long long msSince(const std::atomic<long long>& ns) { return (nowNs() - ns.load()) / 1000000; }
     // The socket's bytes, through TLS when the connection has it.
     apr_status_t sendPieces(struct iovec* pieces, int count, apr_interval_time_t timeout);
+    // read() and readReceived(): receive false leaves the socket alone.
+    apr_status_t readFrame(ServerFrame** out, bool block, long long* timeout, bool receive);
     apr_status_t receiveSome(char* buffer, size_t length, size_t* received, const SocketIo::Deadline& deadline);
     void applyKeepAlive();
     void setInterruptible(int fd);

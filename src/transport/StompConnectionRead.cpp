@@ -28,6 +28,12 @@ apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int tim
 }
 
 apr_status_t StompConnection::read(ServerFrame** out, bool block, long long* timeout) {
+    return readFrame(out, block, timeout, true);
+}
+
+apr_status_t StompConnection::readReceived(ServerFrame** out) { return readFrame(out, false, nullptr, false); }
+
+apr_status_t StompConnection::readFrame(ServerFrame** out, bool block, long long* timeout, bool receive) {
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
     if (!connected) return APR_ENOSOCKET;
@@ -73,6 +79,7 @@ apr_status_t StompConnection::read(ServerFrame** out, bool block, long long* tim
         }
 
         // Every buffered byte belongs to the frame in progress: receive more.
+        if (!receive) return EAGAIN;
         size_t received = 0;
         apr_status_t rc = receiveSome(readAhead, kReadAheadSize, &received, deadline);
         if (rc != APR_SUCCESS) {

@@ -223,14 +223,45 @@ TEST_F(WorkerPool, DestroyingTheClientWhileAListenerNeverReturnsLeavesItsMessage
     stuck.closeGate();
     listen("q", &stuck);
     ASSERT_TRUE(broker.pushMessage("/queue/q", "1"));
-    ASSERT_TRUE(broker.pushMessage("/queue/q", "2"));
     ASSERT_TRUE(stuck.waitEntered(1));
+    // Sent while the only thread is busy: it stays with the socket, unread.
+    ASSERT_TRUE(broker.pushMessage("/queue/q", "2"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     client.reset();
     EXPECT_EQ(log.lines().back(), "INFO: Resolving remaining message handlers...");
     stuck.openGate();
     ASSERT_TRUE(stuck.waitFinished(1)); // the abandoned call finishes alone
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(stuck.count(), 1u); // the second message never got a call
+    EXPECT_TRUE(sent("ACK").empty());
+}
+
+TEST_F(WorkerPool, MessagesReceivedWhileEveryThreadIsBusyWaitForOneAndAreGivenBackUnstartedAtTheEnd) {
+    makeClient().useWorkerPool(1);
+    connect();
+    ConcurrencyListener stuck;
+    stuck.closeGate();
+    listen("q", &stuck);
+    // Three messages in one write: the first goes to the thread, the two
+    // received with it wait for the thread, not for the next read.
+    std::string three;
+    for (int k = 1; k <= 3; ++k) {
+        three += "MESSAGE\ndestination:/queue/q\nmessage-id:m" + std::to_string(k) + "\nsubscription:s\nack:a" +
+                 std::to_string(k) + "\n\n" + std::to_string(k) + std::string(1, '\0');
+    }
+    ASSERT_TRUE(broker.sendRaw(three));
+    ASSERT_TRUE(stuck.waitEntered(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    client.reset();
+    const std::vector<std::string> lines = log.lines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2], "INFO: Resolving remaining message handlers...");
+    EXPECT_EQ(lines.back(), "INFO: 2 received messages had no listener call started before the connection ended; "
+                            "they are left unacknowledged.");
+    stuck.openGate();
+    ASSERT_TRUE(stuck.waitFinished(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(stuck.count(), 1u);
     EXPECT_TRUE(sent("ACK").empty());
 }
 
