@@ -23,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -92,9 +93,22 @@ public:
     int onMessage(kelvra::SharedPtr<Message> message) override {
         const HeaderMap& headers = message->headers();
         auto id = headers.find("tavren-id");
+        const int number = std::atoi(message->text());
         std::lock_guard<std::mutex> lock(mutex);
-        arrivals.push_back(Arrival{std::atoi(message->text()), id == headers.end() ? "" : id->second, Clock::now()});
+        arrivals.push_back(Arrival{number, id == headers.end() ? "" : id->second, Clock::now()});
+        if (number >= 0) {
+            if (static_cast<size_t>(number) >= seen.size()) seen.resize(static_cast<size_t>(number) * 2 + 1024, 0);
+            if (!seen[static_cast<size_t>(number)]) {
+                seen[static_cast<size_t>(number)] = 1;
+                ++distinctNumbers;
+            }
+        }
         return 0;
+    }
+    /** The distinct numbers received so far, without copying the record of arrivals. */
+    int distinct() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return distinctNumbers;
     }
     std::vector<Arrival> all() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -118,6 +132,8 @@ public:
 private:
     std::mutex mutex;
     std::vector<Arrival> arrivals;
+    std::vector<char> seen; // by number: received at least once
+    int distinctNumbers = 0;
 };
 
 /** How a node crash went: which node, and the times to recover, -1 when it did not within the limit. */
@@ -341,6 +357,12 @@ private:
     std::string happened;
 };
 
+/** Heap bytes in use (kB), all of malloc's arenas and its mapped blocks. */
+long heapInUseKiB() {
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<long>((info.uordblks + info.hblkhd) / 1024);
+}
+
 /** Resident memory (kB) and threads of this process. */
 std::pair<long, long> footprint() {
     std::ifstream status("/proc/self/status");
@@ -435,8 +457,18 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
     std::pair<long, long> afterOneMinute{0, 0};
     const Clock::time_point start = Clock::now();
     Clock::time_point nextKill = start + std::chrono::seconds(killEvery / 2);
+    long minutesReported = 0;
     while (msSince(start) < seconds * 1000) {
         if (afterOneMinute.first == 0 && msSince(start) >= 60000) afterOneMinute = footprint();
+        if (msSince(start) >= (minutesReported + 1) * 60000) {
+            // What grows: the process, malloc's heap (which holds the test's
+            // own record of every arrival), and that record.
+            ++minutesReported;
+            const std::pair<long, long> now = footprint();
+            std::printf("field soak: minute %ld: RSS %ld kB, heap in use %ld kB, threads %ld, %d messages received\n",
+                        minutesReported, now.first, heapInUseKiB(), now.second, run.listener.distinct());
+            std::fflush(stdout);
+        }
         if (Clock::now() >= nextKill && msSince(start) + 90000 < seconds * 1000) {
             const int n = static_cast<int>(random() % RealCluster::nodes) + 1;
             crashes.push_back(run.crash(n, 60000));
@@ -450,7 +482,11 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
     EXPECT_TRUE(run.producer->waitForConfirmations(120000)) << run.producer->pendingMessages() << " not confirmed";
     const int confirmed = run.confirmed();
     const Clock::time_point until = Clock::now() + std::chrono::seconds(120);
-    while (static_cast<int>(run.tally().firsts.size()) < sent && Clock::now() < until) usleep(100 * 1000);
+    while (run.listener.distinct() < sent && Clock::now() < until) usleep(100 * 1000);
+    // Before the tally, which copies the record of every arrival: the
+    // footprint is that of the clients and the record, not of the copy.
+    const std::pair<long, long> atEnd = footprint();
+    const long heapAtEnd = heapInUseKiB();
     const ClusterRun::Tally got = run.tally();
     const std::string order = ClusterRun::checkInOrder(got, sent);
     EXPECT_EQ(order, "") << "missing:" << run.missing(sent) << "; " << run.late() << "; " << run.events();
@@ -461,14 +497,14 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
         EXPECT_GE(r.receivedMs, 0) << "node " << r.node;
         worst = std::max(worst, std::max(r.confirmedMs, r.receivedMs));
     }
-    const std::pair<long, long> atEnd = footprint();
     const int lost = sent - static_cast<int>(got.firsts.size());
     std::printf("field soak: %ld s, %zu nodes killed; sent %d, confirmed %d, received %zu distinct, duplicates %d, "
                 "lost %d; reconnects: producer %d, consumer %d; worst recovery %ld ms (goal %ld ms); "
-                "RSS %ld kB at start, %ld kB after a minute, %ld kB at the end; threads %ld, %ld, %ld\n",
+                "RSS %ld kB at start, %ld kB after a minute, %ld kB at the end (heap in use %ld kB); threads %ld, "
+                "%ld, %ld\n",
                 seconds, crashes.size(), sent, confirmed, got.firsts.size(), got.duplicates, lost,
                 run.producerLog.connected() - 1, run.consumerLog.connected() - 1, worst, recoveryGoalMs, atStart.first,
-                afterOneMinute.first, atEnd.first, atStart.second, afterOneMinute.second, atEnd.second);
+                afterOneMinute.first, atEnd.first, heapAtEnd, atStart.second, afterOneMinute.second, atEnd.second);
     RecordProperty("sent", sent);
     RecordProperty("lost", lost);
     RecordProperty("duplicates", got.duplicates);
