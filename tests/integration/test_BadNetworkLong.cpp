@@ -2,8 +2,9 @@
 // A producer with an outbox and a consumer, both with heart-beats, talk to
 // the real RabbitMQ through a bad link: the test host of the dead-peer tests
 // (a network namespace behind a veth pair) loses packets at random, crawls,
-// or goes down and up. A relay inside the namespace forwards to the broker,
-// so every byte of both clients crosses the impaired pair. Nothing may be
+// goes down and up, or answers late. A relay inside the namespace forwards
+// to the broker (and holds bytes back for the delay), so every byte of both
+// clients crosses the impaired pair. Nothing may be
 // lost, no call may block past its documented bound, and every loss of the
 // connection is logged and followed by a reconnect. Throughput and
 // reconnects are reported (XML properties and stdout), not asserted.
@@ -177,6 +178,15 @@ TEST_F(BadNetwork, ThreePercentLossEachWayLosesNothing) {
 TEST_F(BadNetwork, TwoHundredFiftySixKbitPerSecondLosesNothing) {
     ASSERT_TRUE(net.limitRate("256kbit")) << net.problem();
     runTraffic("256kbit", [](std::atomic<bool>&) {});
+}
+
+TEST_F(BadNetwork, AQuarterSecondOfDelayEachWayLosesNothing) {
+    // The kernel here has no netem: the relay holds every chunk back, 150 ms
+    // and up to 100 ms more at random, each way (a round trip of 300 to
+    // 500 ms, as on a poor cellular link). A byte stream keeps its order,
+    // so the jitter does not reorder.
+    relay->setDelay(150, 100);
+    runTraffic("delay", [](std::atomic<bool>&) {});
 }
 
 TEST_F(BadNetwork, LinkDownFifteenSecondsEveryFortyFiveLosesNothing) {

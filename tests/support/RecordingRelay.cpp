@@ -7,6 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <random>
 #include <stdexcept>
 
 namespace tavren {
@@ -89,15 +93,66 @@ void RecordingRelay::acceptLoop() {
     }
 }
 
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The chunks read from one side, each with the moment it is to be passed on.
+struct DelayLine {
+    std::deque<std::pair<Clock::time_point, std::string>> chunks;
+    Clock::time_point last; // chunks leave in order: none is due before the one ahead of it
+
+    void add(const char* data, size_t size, Clock::time_point due) {
+        due = std::max(due, last);
+        last = due;
+        chunks.emplace_back(due, std::string(data, size));
+    }
+    // Sends what is due to fd; false when fd failed.
+    bool sendDue(int fd) {
+        while (!chunks.empty() && chunks.front().first <= Clock::now()) {
+            if (!sendAll(fd, chunks.front().second.data(), chunks.front().second.size())) return false;
+            chunks.pop_front();
+        }
+        return true;
+    }
+    // Milliseconds until the next chunk is due (rounded up), or -1 with none.
+    int wait() const {
+        if (chunks.empty()) return -1;
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(chunks.front().first - Clock::now());
+        return left.count() <= 0 ? 0 : static_cast<int>((left.count() + 999) / 1000);
+    }
+};
+
+int earliest(int a, int b) {
+    if (a < 0) return b;
+    if (b < 0) return a;
+    return std::min(a, b);
+}
+
+} // namespace
+
+void RecordingRelay::setDelay(int ms, int jitter) {
+    delayMs = ms;
+    jitterMs = jitter;
+}
+
 // Passes bytes both ways until either side closes or the relay stops.
 void RecordingRelay::pump(int client, int broker) {
     char buffer[65536];
+    DelayLine toBroker, toClient;
+    std::minstd_rand random(static_cast<unsigned>(client * 7919 + broker));
+    auto due = [&] {
+        const int jitter = jitterMs;
+        const int extra = jitter > 0 ? static_cast<int>(random() % static_cast<unsigned>(jitter + 1)) : 0;
+        return Clock::now() + std::chrono::milliseconds(delayMs + extra);
+    };
     for (;;) {
         pollfd fds[3] = {{client, POLLIN, 0}, {broker, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
-        if (poll(fds, 3, -1) < 0 || (fds[2].revents & POLLIN)) break;
+        if (poll(fds, 3, earliest(toBroker.wait(), toClient.wait())) < 0 || (fds[2].revents & POLLIN)) break;
         if (fds[0].revents) {
             const ssize_t n = recv(client, buffer, sizeof buffer, 0);
-            if (n <= 0 || !sendAll(broker, buffer, static_cast<size_t>(n))) break;
+            if (n <= 0) break;
+            toBroker.add(buffer, static_cast<size_t>(n), due());
         }
         if (fds[1].revents) {
             const ssize_t n = recv(broker, buffer, sizeof buffer, 0);
@@ -106,8 +161,9 @@ void RecordingRelay::pump(int client, int broker) {
                 std::lock_guard<std::mutex> lock(mutex);
                 recorded.append(buffer, static_cast<size_t>(n));
             }
-            if (!sendAll(client, buffer, static_cast<size_t>(n))) break;
+            toClient.add(buffer, static_cast<size_t>(n), due());
         }
+        if (!toBroker.sendDue(broker) || !toClient.sendDue(client)) break;
     }
     close(client);
     close(broker);

@@ -39,6 +39,14 @@ public:
     /** The values of header name in the order they crossed, as "\nname:value" lines. */
     std::vector<std::string> headerValuesFromBroker(const std::string& name);
 
+    /**
+     * From now on every chunk read, either way, is passed on ms milliseconds
+     * later, plus up to jitterMs at random; the bytes keep their order (a
+     * stream cannot reorder), so a later chunk never overtakes an earlier
+     * one. 0 and 0: passed on at once.
+     */
+    void setDelay(int ms, int jitterMs);
+
 private:
     void start();
     void acceptLoop();
@@ -49,6 +57,8 @@ private:
     int listenPort = 0;
     int stopPipe[2] = {-1, -1};
     std::atomic<bool> stopping{false};
+    std::atomic<int> delayMs{0};
+    std::atomic<int> jitterMs{0};
     std::mutex mutex;
     std::string recorded;
     std::vector<std::thread> pumps;
