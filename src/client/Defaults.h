@@ -135,6 +135,13 @@ const int kRefusalSettleMs = 250;
 // stopped, the network went) was not refused.
 const int kRefusalCloseMs = 500;
 
+// A broker that answers frames with ERRORs and keeps the connection open
+// (ActiveMQ on STOMP 1.2 answers every ACK so) gets a line with its reason
+// from its second such ERROR on, then at most once in this many
+// milliseconds, with the count: the reason reaches the log without a line
+// per message beside the one every ERROR without a receipt-id already gets.
+const int kKeptErrorLineMs = 60 * 1000;
+
 } // namespace internal
 } // namespace tavren
 

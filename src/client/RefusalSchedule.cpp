@@ -54,5 +54,19 @@ void BrokerRefusal::note(const ServerFrame& frame, const std::string& about) {
     if (!line.empty() && line != reason) reason += (reason.empty() ? "" : ": ") + line;
 }
 
+std::string KeptErrors::noted(const std::string& reason) {
+    ++count;
+    const auto now = std::chrono::steady_clock::now();
+    if (count < 2 || (logged && now - lastLine < std::chrono::milliseconds(kKeptErrorLineMs))) return std::string();
+    const long long since = count - countLogged;
+    std::string line = "The broker answered " + std::to_string(since) + (since == 1 ? " frame" : " frames") +
+                       " with an error and keeps the connection open (" + std::to_string(count) +
+                       " on this connection), the last: " + (reason.empty() ? "no reason given" : reason);
+    logged = true;
+    lastLine = now;
+    countLogged = count;
+    return line;
+}
+
 } // namespace internal
 } // namespace tavren

@@ -64,6 +64,27 @@ struct BrokerRefusal {
     std::chrono::steady_clock::time_point at; // when the ERROR came
 };
 
+/**
+ * The ERRORs without a receipt-id on the connection that stands, and when
+ * their reason is to be logged: not for the first (a broker that refuses
+ * sends one and closes, and its reason goes into the refusal's line), but
+ * from the second on, at most once in kKeptErrorLineMs. Used under the
+ * engine lock.
+ */
+class KeptErrors {
+public:
+    /** An ERROR with this reason came: the line to log now, or empty. */
+    std::string noted(const std::string& reason);
+    /** A new connection: nothing counted. */
+    void clear() { *this = KeptErrors(); }
+
+private:
+    long long count = 0;
+    long long countLogged = 0;
+    bool logged = false;
+    std::chrono::steady_clock::time_point lastLine;
+};
+
 } // namespace internal
 } // namespace tavren
 

@@ -291,6 +291,7 @@ void StompClientImpl::eventConnect() {
     connector.clean();
     calm.connected();
     brokerError.clear();
+    keptErrors.clear();
     const std::string lost = lostSends.connected();
     if (!lost.empty()) logError(lost);
 

@@ -156,6 +156,8 @@ private:
     void logLostSendsIfDue();
     /** An ERROR came on this connection: remembers it for the end of the connection, and tells waiting subscribers. */
     void noteBrokerError(const ServerFrame& frame, const std::string& receiptId);
+    /** After noteBrokerError, for an ERROR without a receipt-id: counted, and its reason logged when due. */
+    void noteKeptError();
     /** A connection that stood ended; logs the broker's refusal, if any. */
     void connectionEnded(bool byApplication, bool refused);
     /** Logs the refusal that ended the connection, if any, with the wait that follows (none when negative). */
@@ -233,6 +235,7 @@ private:
     std::map<std::string, HeaderMap> subscribeHeaders;
     RefusalSchedule calm;      // refused and short-lived connections in a row
     BrokerRefusal brokerError; // the last ERROR of the current connection (or of CONNECT)
+    KeptErrors keptErrors;     // the ERRORs without a receipt-id on the current connection
     LostSends lostSends;       // sends lost during the current outage
     std::string refusalLine;   // the refusal that ended the connection, until logged
     Heartbeats agreed;         // this connection's; set before its listen thread starts

@@ -47,6 +47,11 @@ void StompClientImpl::noteBrokerError(const ServerFrame& frame, const std::strin
     }
 }
 
+void StompClientImpl::noteKeptError() {
+    const std::string line = keptErrors.noted(brokerError.reason);
+    if (!line.empty()) logError(line);
+}
+
 void StompClientImpl::connectionEnded(bool byApplication, bool refused) {
     // Under the lock, once the connection that stood is gone. The refusal is
     // logged with the wait that follows it (connectAgain), or alone.

@@ -501,6 +501,7 @@ void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {
         }
     } catch (std::out_of_range&) {
         engine->logError("Ther broker sent a frame without a receipt-id header!");
+        if (frame->command() == "ERROR") engine->noteKeptError();
     }
     // A stray answer goes to the slot this thread matched last, but only
     // while its caller still waits: a caller that has returned erased its

@@ -4,6 +4,7 @@
 #include "support/EngineFixture.h"
 #include "support/UuidText.h"
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <thread>
@@ -320,6 +321,32 @@ TEST_F(Messaging, ErrorWithoutReceiptIdIsLoggedAndIgnored) {
     // Nobody waits any more, so nothing is delivered; the client carries on.
     ASSERT_TRUE(broker.pushMessage("/queue/q", "still here"));
     ASSERT_TRUE(broker.waitForFrames("ACK", 1));
+    EXPECT_TRUE(client->isConnected());
+}
+
+TEST_F(Messaging, RepeatedErrorsOnAConnectionKeptOpenAreLoggedWithTheirReasonOnce) {
+    connect();
+    RecordingListener listener;
+    listen("q", &listener);
+    // A broker that refuses every ACK and keeps the connection (ActiveMQ on 1.2).
+    const std::string error("ERROR\nmessage:ACK received without a ack id for acknowledge!\n\n\0\n", 64);
+    ASSERT_TRUE(broker.sendRaw(error));
+    ASSERT_TRUE(log.waitFor("ERROR: Ther broker sent a frame without a receipt-id header!", 1));
+    // The first alone may be a refusal whose reason goes into its own line.
+    EXPECT_EQ(log.countStartingWith("ERROR: The broker answered"), 0u);
+    ASSERT_TRUE(broker.sendRaw(error + error + error));
+    ASSERT_TRUE(log.waitFor("ERROR: Ther broker sent a frame without a receipt-id header!", 4));
+    // One line with the reason for the second, none for the next within a minute.
+    EXPECT_EQ(log.countStartingWith("ERROR: The broker answered"), 1u);
+    EXPECT_EQ(log.count("ERROR: The broker answered 2 frames with an error and keeps the connection open (2 on this "
+                        "connection), the last: ACK received without a ack id for acknowledge!"),
+              1u);
+    const std::vector<std::string> lines = log.lines();
+    const auto reason = std::find(lines.begin(), lines.end(),
+                                  "ERROR: The broker answered 2 frames with an error and keeps the connection open (2 "
+                                  "on this connection), the last: ACK received without a ack id for acknowledge!");
+    ASSERT_NE(reason, lines.begin());
+    EXPECT_EQ(*(reason - 1), "ERROR: Ther broker sent a frame without a receipt-id header!");
     EXPECT_TRUE(client->isConnected());
 }
 
