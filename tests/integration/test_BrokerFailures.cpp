@@ -96,6 +96,14 @@ TEST_P(BrokerFailures, ReconnectsAndSubscribesAgainByItselfAfterTheBrokerRestart
     ASSERT_TRUE(first.waitFinished(2, 10000));
     ASSERT_TRUE(second.waitFinished(2, 10000));
     usleep(500 * 1000); // the ACKs go out
+    if (broker().isActiveMQ() && version() == "1.2") {
+        // ActiveMQ answers each of these ACKs with an ERROR and keeps the
+        // connection (docs/brokers.md). A connection that ends within half a
+        // second of an ERROR counts as refused for it, so the broker stops
+        // only once the last has come and that time has passed.
+        ASSERT_TRUE(log.waitFor("ERROR: Ther broker sent a frame without a receipt-id header!", 4, 10000));
+        usleep(1000 * 1000);
+    }
 
     ASSERT_TRUE(broker().stop());
     ASSERT_TRUE(eventually([&] { return !client->isConnected(); }, 30000)) << "the client never noticed";
