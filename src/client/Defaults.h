@@ -52,6 +52,21 @@ const size_t kLeastWorkerStackSize = 0; // the system's minimum applies
 // hundred bytes per destination cost little memory on a device.
 const size_t kOrderedPrefetch = 128;
 
+// A worker pool whose listener calls take less than this on average
+// (nanoseconds, over the last few dozen calls) wakes one sleeping thread for
+// what it is handed while none is busy, and leaves the rest to the thread
+// that is awake: waking a thread costs about 10 to 20 us of CPU (a system
+// call on each side and two context switches), more than such calls, so
+// the records of one read run one after the other on one thread, at most
+// the pool's size of them (reading pauses at that many), a few tens of us.
+// With longer calls every record wakes a thread of its own, as many as sleep.
+const long long kPoolShortCallNs = 50 * 1000;
+// A record that has waited this long (milliseconds) for the thread that is
+// awake, while others sleep, gets one of them: a call that turned long (or
+// never returns) holds back the records behind it at most this long, plus
+// the listen thread's wait (kListenWaitMs), which looks at it each pass.
+const int kPoolNudgeMs = 2;
+
 // Worker stacks kept mapped for reuse beyond those in use: twice the default
 // bound, so a raised bound still reuses most of them. At the default size
 // that is at most 8 MiB of address space; only the pages listeners touched

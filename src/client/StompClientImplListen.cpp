@@ -209,6 +209,7 @@ void StompClientImpl::ListenLoop::run() {
     for (;;) {
         try {
             const bool readable = waitForWork();
+            if (pool) pool->nudge(); // a record held back behind a call that turned long
             if (heartbeating && !connectionLost) {
                 const std::string silence = keepHeartbeats();
                 if (!silence.empty()) {

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/WorkerPool.h"
 
+#include "client/Defaults.h"
+
 #include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -21,11 +24,14 @@ struct WorkerPool::Shared {
     struct Lane {
         std::deque<Listener::WorkerData*> waiting;
     };
+    using Clock = std::chrono::steady_clock;
+
     // A record ready for a thread, and its lane (null: none).
     struct Ready {
         Listener::WorkerData* data;
         std::map<std::string, Lane>::iterator lane;
         bool inLane;
+        Clock::time_point queuedAt{}; // when it began to wait in ready
     };
 
     // Where a sleeping thread is woken, and given its record: it takes the
@@ -45,6 +51,8 @@ struct WorkerPool::Shared {
     std::map<std::string, Lane> lanes;
     std::vector<Answer> answers;
     std::vector<bool> busy;                          // by thread: inside a call, or given a record
+    std::vector<Clock::time_point> busySince;        // by thread: when it was last given or took a record
+    long long averageCallNs = 4 * kPoolShortCallNs;  // of the last calls; taken as long until calls show otherwise
     std::vector<std::unique_ptr<Mailbox>> mailboxes; // by thread
     std::vector<size_t> asleep;                      // the threads waiting on their mailbox, not yet woken
     int takers = 0;                                  // callers of takeAnswer waiting
@@ -67,21 +75,51 @@ struct WorkerPool::Shared {
         pthread_mutex_destroy(&mutex);
     }
 
-    // With the mutex held: a record is ready. A sleeping thread is given it
-    // and returned (to be woken once the mutex is released), else it waits
-    // for the next free thread and -1 is returned.
-    long makeReady(const Ready& record) {
-        if (asleep.empty()) {
-            ready.push_back(record);
-            return -1;
+    // With the mutex held.
+    void setBusy(size_t index, bool now) {
+        busy[index] = now;
+        if (now) busySince[index] = Clock::now();
+    }
+
+    // With the mutex held: whether a thread's call began less than
+    // kPoolShortCallNs ago (or is about to begin): it will soon look for
+    // the next record. A thread in a longer call is not waited for.
+    bool aCallEndsSoon() const {
+        const Clock::time_point recent = Clock::now() - std::chrono::nanoseconds(kPoolShortCallNs);
+        for (size_t index = 0; index < busy.size(); ++index) {
+            if (busy[index] && busySince[index] > recent) return true;
         }
+        return false;
+    }
+
+    // With the mutex held: record waits for the next free thread.
+    void queue(const Ready& record) {
+        ready.push_back(record);
+        ready.back().queuedAt = Clock::now();
+    }
+
+    // With the mutex held: a sleeping thread is given record and returned,
+    // to be woken once the mutex is released.
+    long give(const Ready& record) {
         const size_t index = asleep.back();
         asleep.pop_back();
-        busy[index] = true;
+        setBusy(index, true);
         Mailbox& mailbox = *mailboxes[index];
         mailbox.given = record;
         mailbox.full.store(true, std::memory_order_release);
         return static_cast<long>(index);
+    }
+
+    // With the mutex held: a record is ready. A sleeping thread is given it
+    // and returned, else it waits for the next free thread and -1 is
+    // returned. With short calls, a thread whose call ends soon takes it
+    // after that call instead of another being woken (kPoolShortCallNs).
+    long makeReady(const Ready& record) {
+        if (asleep.empty() || (averageCallNs < kPoolShortCallNs && aCallEndsSoon())) {
+            queue(record);
+            return -1;
+        }
+        return give(record);
     }
 
     // With the mutex held: queues data (in lane, unless null); as makeReady().
@@ -97,10 +135,11 @@ struct WorkerPool::Shared {
     }
 
     // With the mutex held: the call of record has ended with answer (null:
-    // abandoned, the record deleted); its lane's next record becomes ready,
-    // for the thread that ran this one. Returns whether the listen thread's
-    // descriptor is to be written (once the mutex is released).
-    bool ended(const Ready& record, int* answer) {
+    // abandoned, the record deleted) after callNs; its lane's next record
+    // becomes ready, for the thread that ran this one. Returns whether the
+    // listen thread's descriptor is to be written (once the mutex is released).
+    bool ended(const Ready& record, int* answer, long long callNs) {
+        averageCallNs += (callNs - averageCallNs) / 8;
         bool wake = false;
         if (answer) {
             answers.emplace_back(record.data, answer);
@@ -115,7 +154,7 @@ struct WorkerPool::Shared {
         }
         // Behind the records that were ready before it: a lane with many
         // messages does not keep a thread from the others.
-        ready.push_back(Ready{lane.waiting.front(), record.lane, true});
+        queue(Ready{lane.waiting.front(), record.lane, true});
         lane.waiting.pop_front();
         return wake;
     }
@@ -124,6 +163,7 @@ struct WorkerPool::Shared {
 WorkerPool::WorkerPool(int count, WorkerStacks& s, size_t stackSize, int wakeFd)
     : shared(std::make_shared<Shared>(wakeFd)), stacks(s), stopped(false) {
     shared->busy.assign(static_cast<size_t>(count), false);
+    shared->busySince.assign(static_cast<size_t>(count), Shared::Clock::time_point());
     for (int i = 0; i < count; ++i) shared->mailboxes.emplace_back(new Shared::Mailbox());
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -160,7 +200,7 @@ void* WorkerPool::threadBody(void* arg) {
         if (!pool.ready.empty()) {
             record = pool.ready.front();
             pool.ready.pop_front();
-            pool.busy[start->index] = true;
+            pool.setBusy(start->index, true);
             pthread_mutex_unlock(&pool.mutex);
         } else {
             pool.asleep.push_back(start->index);
@@ -177,11 +217,14 @@ void* WorkerPool::threadBody(void* arg) {
 
         // The record's wakeFd is -1: the pool wakes the listen thread itself,
         // once the answer is where the listen thread looks for it.
+        const Shared::Clock::time_point began = Shared::Clock::now();
         int* answer = static_cast<int*>(Listener::listener_worker_func(record.data));
+        const long long callNs =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Shared::Clock::now() - began).count();
 
         pthread_mutex_lock(&pool.mutex);
-        pool.busy[start->index] = false;
-        if (pool.ended(record, answer)) {
+        pool.setBusy(start->index, false);
+        if (pool.ended(record, answer, callNs)) {
             // Outside the mutex: the other threads go on meanwhile. The
             // descriptor stays open until the pool has stopped, and stop()
             // waits for this thread.
@@ -210,6 +253,20 @@ void WorkerPool::handAll(const std::vector<Handed>& records) {
     }
     pthread_mutex_unlock(&shared->mutex);
     // Woken outside the mutex, a thread does not wait for it at once.
+    for (long index : woken) sem_post(&shared->mailboxes[static_cast<size_t>(index)]->wake);
+}
+
+void WorkerPool::nudge() {
+    std::vector<long> woken;
+    pthread_mutex_lock(&shared->mutex);
+    if (!shared->ready.empty() && !shared->asleep.empty()) {
+        const Shared::Clock::time_point late = Shared::Clock::now() - std::chrono::milliseconds(kPoolNudgeMs);
+        while (!shared->ready.empty() && !shared->asleep.empty() && shared->ready.front().queuedAt <= late) {
+            woken.push_back(shared->give(shared->ready.front()));
+            shared->ready.pop_front();
+        }
+    }
+    pthread_mutex_unlock(&shared->mutex);
     for (long index : woken) sem_post(&shared->mailboxes[static_cast<size_t>(index)]->wake);
 }
 
@@ -257,7 +314,7 @@ std::vector<Listener::WorkerData*> WorkerPool::withdraw() {
         Shared::Mailbox& mailbox = *shared->mailboxes[index];
         if (!mailbox.full.exchange(false, std::memory_order_acq_rel)) continue;
         unstarted.push_back(mailbox.given.data);
-        shared->busy[index] = false;
+        shared->setBusy(index, false);
     }
     shared->stopping = true;
     std::vector<size_t> asleep;

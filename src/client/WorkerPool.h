@@ -31,7 +31,10 @@ namespace internal {
  * Wake-ups cost system calls and are kept to those needed: a record is
  * given straight to a sleeping thread (which takes it without the mutex)
  * and only that thread is woken; a thread that finds a record ready does
- * not sleep; the listen thread's eventfd is written only for the first
+ * not sleep; while calls are short (kPoolShortCallNs) and a thread is
+ * awake, records wait for it instead of waking another, and nudge() (on
+ * each pass of the listen thread) wakes one for a record that waited
+ * kPoolNudgeMs; the listen thread's eventfd is written only for the first
  * answer since it last emptied it (rearm()); and a caller of takeAnswer()
  * is woken only while one waits.
  *
@@ -64,6 +67,8 @@ public:
     using Handed = std::pair<Listener::WorkerData*, const std::string*>;
     /** hand() for each, in this order, at the cost of one. */
     void handAll(const std::vector<Handed>& records);
+    /** Wakes sleeping threads for the records that have waited kPoolNudgeMs for the threads awake. */
+    void nudge();
     /** Moves the answers published since the last call into out. */
     void collect(std::vector<Answer>* out);
     /** The wake-up descriptor has been emptied: the next answer writes it again. */

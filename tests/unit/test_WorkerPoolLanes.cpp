@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The worker pool on its own: lanes (one call at a time, in the order
-// handed, other lanes meanwhile), what withdraw() gives back, and how often
-// the listen thread's descriptor is written.
+// handed, other lanes meanwhile), what withdraw() gives back, how often
+// the listen thread's descriptor is written, and that a record held back
+// behind a call that turned long is not held back once the pool is nudged.
 #include "client/WorkerPool.h"
 #include "client/WorkerStacks.h"
 
@@ -102,6 +103,34 @@ TEST_F(WorkerPoolLanes, ALaneRunsOneCallAtATimeInTheOrderHanded) {
         EXPECT_EQ(collected[i].first->frame->headers().at("message-id"), "a" + std::to_string(i));
         EXPECT_EQ(*collected[i].second, 0);
     }
+}
+
+TEST_F(WorkerPoolLanes, ARecordWaitingBehindACallThatTurnedLongGetsASleepingThreadWhenNudged) {
+    ASSERT_TRUE(start(2));
+    ConcurrencyListener quick, stuck;
+    // Short calls: the records handed together then wait for the thread
+    // that is awake rather than wake another.
+    for (int round = 0; round < 50; ++round) {
+        pool->hand(record(&quick, "q" + std::to_string(round)));
+        ASSERT_TRUE(collectUntil(static_cast<size_t>(round) + 1));
+    }
+    stuck.closeGate();
+    pool->handAll({{record(&stuck, "s0"), nullptr}, {record(&quick, "after"), nullptr}});
+    ASSERT_TRUE(stuck.waitEntered(1));
+    // The listen thread nudges the pool on each pass; the record behind
+    // the call that does not return gets the thread that sleeps.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (collected.size() < 51 && std::chrono::steady_clock::now() < until) {
+        pool->nudge();
+        pool->collect(&collected);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_EQ(collected.size(), 51u);
+    EXPECT_EQ(collected.back().first->frame->headers().at("message-id"), "after");
+    EXPECT_EQ(stuck.count(), 1u); // still in its call
+    stuck.openGate();
+    ASSERT_TRUE(collectUntil(52));
+    EXPECT_EQ(collected.back().first->frame->headers().at("message-id"), "s0");
 }
 
 TEST_F(WorkerPoolLanes, ABusyLaneDoesNotHoldBackAnother) {
