@@ -200,6 +200,21 @@ def floor(mode, port, version, q, n, extra=None, timeout=300):
     return r
 
 
+def record_stall(pid, name):
+    """What a client that stopped acknowledging was doing: its sockets' queues
+    (bytes waiting in its receive queue: it stopped reading; none: the broker
+    stopped sending) and, with gdb, its threads' stacks. In logs/NAME.stall."""
+    path = os.path.join(WORK, "logs", name + ".stall")
+    with open(path, "w") as f:
+        for cmd in (["ss", "-tnpi"], ["gdb", "-p", str(pid), "-batch", "-ex", "thread apply all bt 12"]):
+            try:
+                r = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60, text=True)
+                f.write("$ %s\n%s\n" % (" ".join(cmd), r.stdout))
+            except (OSError, subprocess.TimeoutExpired) as e:
+                f.write("$ %s\n%s\n" % (" ".join(cmd), e))
+    print("[bench] %s stalled: sockets and stacks in %s" % (name, path), flush=True)
+
+
 def drain(port, version, q, quiet_ms=1000):
     """Empties the queue with automatic ACK; the number of messages that were left."""
     return floor("drain", port, version, q, 0, quiet_ms)["drained"]
@@ -314,6 +329,8 @@ def run_receive(broker, client, rep, n, workload, timeout, watch=False):
         if now() - progress > STALL:
             stalled = True
             break
+    if stalled:
+        record_stall(p.pid, name)
     hwm = kib(status_of(p.pid).get("VmHWM"))
     peak["stop"] = True
     if watcher:
