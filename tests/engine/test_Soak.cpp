@@ -84,6 +84,10 @@ TEST_F(Soak, RandomTrafficAndFailuresNeverHangAndEndConnected) {
     ASSERT_TRUE(a.waitEntered(before + 1, 10000));
     ASSERT_TRUE(broker.waitForFrames("ACK", 1, 10000));
     std::printf("%d connections, %d messages handed to listeners\n", broker.connectionCount(), a.count() + b.count());
+    // The listeners end with this block, the client only with the fixture:
+    // closed first, it no longer subscribes them again (a reconnect that
+    // lands now would write into a listener being destroyed).
+    client->closeConnection();
 }
 
 } // namespace
