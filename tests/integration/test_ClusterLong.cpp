@@ -86,6 +86,7 @@ struct Arrival {
     int number;
     std::string id;
     Clock::time_point at;
+    bool redelivered; // the broker's "redelivered:true": handed out before, to a connection now gone
 };
 
 class ArrivalListener : public Listener {
@@ -93,9 +94,11 @@ public:
     int onMessage(kelvra::SharedPtr<Message> message) override {
         const HeaderMap& headers = message->headers();
         auto id = headers.find("tavren-id");
+        auto redelivered = headers.find("redelivered");
         const int number = std::atoi(message->text());
         std::lock_guard<std::mutex> lock(mutex);
-        arrivals.push_back(Arrival{number, id == headers.end() ? "" : id->second, Clock::now()});
+        arrivals.push_back(Arrival{number, id == headers.end() ? "" : id->second, Clock::now(),
+                                   redelivered != headers.end() && redelivered->second == "true"});
         if (number >= 0) {
             if (static_cast<size_t>(number) >= seen.size()) seen.resize(static_cast<size_t>(number) * 2 + 1024, 0);
             if (!seen[static_cast<size_t>(number)]) {
@@ -281,12 +284,12 @@ public:
 
     /**
      * The messages whose first arrival came after that of a higher number:
-     * how many, the lowest and highest, and when the first and last of them
-     * came (ms after start).
+     * how many, the lowest and highest, when the first and last of them
+     * came (ms after start), and how many the broker marked redelivered.
      */
     std::string late() {
         std::map<int, bool> seen;
-        int highest = -1, count = 0, low = 0, high = 0;
+        int highest = -1, count = 0, low = 0, high = 0, redelivered = 0;
         long first = -1, last = -1;
         for (const Arrival& a : listener.all()) {
             if (!seen.emplace(a.number, true).second) continue;
@@ -298,11 +301,13 @@ public:
                 high = std::max(high, a.number);
                 last = at;
                 ++count;
+                if (a.redelivered) ++redelivered;
             }
             highest = std::max(highest, a.number);
         }
         return std::to_string(count) + " late, numbers " + std::to_string(low) + " to " + std::to_string(high) +
-               ", arrived from " + std::to_string(first) + " to " + std::to_string(last) + " ms";
+               ", arrived from " + std::to_string(first) + " to " + std::to_string(last) + " ms, " +
+               std::to_string(redelivered) + " of them redelivered";
     }
 
     /** The numbers below count that never arrived, as ranges "a-b". */
