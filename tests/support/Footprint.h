@@ -6,6 +6,10 @@
 
 #include <dirent.h>
 
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#endif
+
 #include <string>
 
 namespace tavren {
@@ -31,6 +35,15 @@ struct Footprint {
     static Footprint now() {
         return Footprint{entriesOf("/proc/self/fd", true), entriesOf("/proc/self/task", false), residentKiB(),
                          heapInUseKiB()};
+    }
+
+    /** False under valgrind, whose allocator and shadow memory make the resident figure meaningless. */
+    static bool residentMemoryMeaningful() {
+#ifdef RUNNING_ON_VALGRIND
+        return RUNNING_ON_VALGRIND == 0;
+#else
+        return true;
+#endif
     }
 
     std::string describe() const {
