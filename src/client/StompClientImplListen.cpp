@@ -349,11 +349,10 @@ void StompClientImpl::ListenLoop::readFrames() {
         const bool socketPaused = full();
         if (socketPaused && (!pool || ordered)) return;
         ServerFrame* frame = nullptr;
-        const apr_status_t rc =
-            socketPaused ? engine->connection->readReceived(&frame) : engine->connection->read(&frame, false, nullptr);
+        const apr_status_t rc = engine->connection->readNext(&frame, !socketPaused);
         if (rc == kNothingToRead) return;
         if (rc != 0) throw AprException(rc);
-        dispatch(frame);
+        if (frame) dispatch(frame); // else a heart-beat: nothing to hand on
     }
 }
 
@@ -363,8 +362,6 @@ void StompClientImpl::ListenLoop::dispatch(ServerFrame* frame) {
         dispatchMessage(frame);
     } else if (command == "ERROR" || command == "RECEIPT") {
         deliverResult(frame);
-    } else if (command.empty()) {
-        delete frame; // a heart-beat
     } else {
         engine->logError("Broker sent a frame that is an unrecognized server frame with COMMAND = " + command);
         delete frame;

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <tuple>
+#include <utility>
 
 namespace tavren {
 namespace internal {
@@ -26,6 +28,7 @@ const size_t kKeptLineCapacity = 1024;
 FrameParser::FrameParser()
     : state(COMMAND),
       frame(nullptr),
+      heartbeat(false),
       body(nullptr),
       bodySize(0),
       bodyCapacity(0),
@@ -43,6 +46,7 @@ FrameParser::~FrameParser() { reset(); }
 void FrameParser::reset() {
     delete frame;
     frame = nullptr;
+    heartbeat = false;
     delete[] body;
     body = nullptr;
     bodySize = bodyCapacity = bodyExpected = 0;
@@ -58,6 +62,10 @@ void FrameParser::releaseScratch() {
 }
 
 ServerFrame* FrameParser::takeFrame() {
+    if (heartbeat) {
+        heartbeat = false;
+        return new ServerFrame();
+    }
     ServerFrame* done = frame;
     frame = nullptr;
     return done;
@@ -124,8 +132,11 @@ FrameParser::Result FrameParser::takeLine(const char*& p, const char* end, bool*
 
 FrameParser::Result FrameParser::endOfLine(const char* text, size_t size) {
     if (state == COMMAND) {
+        if (size == 0) { // a heart-beat: its frame is made only if it is taken
+            heartbeat = true;
+            return COMPLETE;
+        }
         frame = new ServerFrame();
-        if (size == 0) return COMPLETE; // a heart-beat
         frame->command_.assign(text, size);
         state = HEADERS;
         return INCOMPLETE;
@@ -134,7 +145,17 @@ FrameParser::Result FrameParser::endOfLine(const char* text, size_t size) {
     const char* colon = static_cast<const char*>(std::memchr(text, ':', size));
     if (!colon) return fail();
     const size_t nameSize = static_cast<size_t>(colon - text);
-    frame->headers_[std::string(text, nameSize)].assign(colon + 1, size - nameSize - 1);
+    // One descent of the tree: a new name's node is made with its value in
+    // place; a repeated name keeps the last value.
+    std::string name(text, nameSize);
+    HeaderMap& headers = frame->headers_;
+    const HeaderMap::iterator at = headers.lower_bound(name);
+    if (at != headers.end() && at->first == name) {
+        at->second.assign(colon + 1, size - nameSize - 1);
+    } else {
+        headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(std::move(name)),
+                             std::forward_as_tuple(colon + 1, size - nameSize - 1));
+    }
     return INCOMPLETE;
 }
 

@@ -72,6 +72,13 @@ public:
     /** The frame that the last COMPLETE finished; the caller owns it. */
     ServerFrame* takeFrame();
 
+    /**
+     * True when the last COMPLETE was a heart-beat, whose frame is made only
+     * when takeFrame() asks for it; dropHeartbeat() passes it by instead.
+     */
+    bool heartbeatReady() const { return heartbeat; }
+    void dropHeartbeat() { heartbeat = false; }
+
     /** True while a frame has begun but not ended. */
     bool inFrame() const { return state != COMMAND || !line.empty(); }
 
@@ -103,6 +110,7 @@ private:
 
     State state;
     ServerFrame* frame;  // the frame being read, null between frames
+    bool heartbeat;      // a heart-beat was read and not taken yet (it has no frame until taken)
     std::string line;    // the part of a line that has arrived so far
     char* body;          // the body being read (new[]), null before one
     size_t bodySize;     // bytes of body read so far

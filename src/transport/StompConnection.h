@@ -142,10 +142,11 @@ public:
     apr_status_t read(ServerFrame** out, bool block, long long* timeout);
 
     /**
-     * A non-blocking read that takes only bytes already received: the socket
-     * is not read. 11 when they hold no complete frame; otherwise as read().
+     * For the thread that receives the broker's frames: a non-blocking
+     * read() (receive false: of the bytes already received only, the socket
+     * left alone) that gives a heart-beat as a null *out, no frame made for it.
      */
-    apr_status_t readReceived(ServerFrame** out);
+    apr_status_t readNext(ServerFrame** out, bool receive);
 
     /**
      * Waits, without holding the connection's mutex, until a read may find
@@ -184,8 +185,9 @@ protected:
     static long long msSince(const std::atomic<long long>& ns) { return (nowNs() - ns.load()) / 1000000; }
     // The socket's bytes, through TLS when the connection has it.
     apr_status_t sendPieces(struct iovec* pieces, int count, apr_interval_time_t timeout);
-    // read() and readReceived(): receive false leaves the socket alone.
-    apr_status_t readFrame(ServerFrame** out, bool block, long long* timeout, bool receive);
+    // read() and readNext(): receive false leaves the socket alone;
+    // heartbeatFrames false gives a heart-beat as a null frame.
+    apr_status_t readFrame(ServerFrame** out, bool block, long long* timeout, bool receive, bool heartbeatFrames);
     apr_status_t receiveSome(char* buffer, size_t length, size_t* received, const SocketIo::Deadline& deadline);
     void applyKeepAlive();
     void setInterruptible(int fd);

@@ -28,12 +28,15 @@ apr_status_t StompConnection::waitForInput(int wakeFd, bool watchSocket, int tim
 }
 
 apr_status_t StompConnection::read(ServerFrame** out, bool block, long long* timeout) {
-    return readFrame(out, block, timeout, true);
+    return readFrame(out, block, timeout, true, true);
 }
 
-apr_status_t StompConnection::readReceived(ServerFrame** out) { return readFrame(out, false, nullptr, false); }
+apr_status_t StompConnection::readNext(ServerFrame** out, bool receive) {
+    return readFrame(out, false, nullptr, receive, false);
+}
 
-apr_status_t StompConnection::readFrame(ServerFrame** out, bool block, long long* timeout, bool receive) {
+apr_status_t StompConnection::readFrame(ServerFrame** out, bool block, long long* timeout, bool receive,
+                                        bool heartbeatFrames) {
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
     if (!connected) return APR_ENOSOCKET;
@@ -65,9 +68,14 @@ apr_status_t StompConnection::readFrame(ServerFrame** out, bool block, long long
             readStart += used;
             if (readStart == readEnd) readStart = readEnd = 0;
             if (result == FrameParser::COMPLETE) {
+                // A heart-beat leaves the socket's time-out as this call set it.
+                if (parser.heartbeatReady() && !heartbeatFrames) {
+                    parser.dropHeartbeat();
+                    *out = nullptr;
+                    return APR_SUCCESS;
+                }
                 ServerFrame* frame = parser.takeFrame();
                 *out = frame;
-                // A heart-beat leaves the socket's time-out as this call set it.
                 if (frame->command().empty()) return APR_SUCCESS;
                 restoreTimeout(timeout);
                 return APR_SUCCESS;
