@@ -122,7 +122,8 @@ private:
     bool awaitDone(Worker& worker, unsigned graceUs);
     void join(Worker& worker);
     apr_status_t acknowledge(const Worker& worker);
-    AckFrame* answerFor(const Worker& worker);
+    /** The ACK or NACK for worker's message into *out; false (and logged) when the message cannot be answered. */
+    bool answerFor(const Worker& worker, AckPieces* out);
     std::string failureLine(const Worker& worker) const;
     void release(Worker& worker);
     void drainWakeUps();
@@ -136,6 +137,8 @@ private:
     pthread_attr_t workerAttributes;
     std::vector<Worker> workers;
     std::vector<size_t> finished; // scratch for reaping: indexes into workers
+    std::vector<AckPieces> acks;  // scratch for reaping: the answers to write
+    std::vector<bool> answered;   // scratch for reaping: by finished, whether its answer is in acks
     // A message whose worker could not be started yet; nothing more is read
     // until it has one.
     Listener::WorkerData* waiting;
@@ -547,18 +550,19 @@ void StompClientImpl::ListenLoop::reapFinished() {
 
     // Every ACK and NACK in one hold of the lock and one write, in the order
     // the messages came: the bytes are those of the frames one after another.
-    std::vector<std::unique_ptr<AckFrame>> answers;
-    std::vector<ClientFrame*> frames;
+    acks.clear();
+    answered.assign(finished.size(), false);
     size_t firstWritten = finished.size();
     for (size_t k = 0; k < finished.size(); ++k) {
-        answers.emplace_back(answerFor(workers[finished[k]]));
-        if (!answers.back()) continue;
-        frames.push_back(answers.back().get());
+        AckPieces ack;
+        if (!answerFor(workers[finished[k]], &ack)) continue;
+        acks.push_back(ack);
+        answered[k] = true;
         if (firstWritten == finished.size()) firstWritten = k;
     }
     apr_status_t rc = 0;
     long long timeout = kWriteTimeoutUs;
-    if (!frames.empty()) rc = engine->connection->writeFrames(frames.data(), frames.size(), &timeout);
+    if (!acks.empty()) rc = engine->connection->writeAcks(acks.data(), acks.size(), &timeout);
     if (rc != 0) engine->logError(failureLine(workers[finished[firstWritten]]));
     unlockEngine();
     // The settled ones leave the list; when the write failed, those it
@@ -567,7 +571,7 @@ void StompClientImpl::ListenLoop::reapFinished() {
     size_t next = 0, kept = 0;
     for (size_t i = 0; i < workers.size(); ++i) {
         if (next < finished.size() && finished[next] == i) {
-            if (rc != 0 && answers[next]) {
+            if (rc != 0 && answered[next]) {
                 workers[kept++] = workers[i];
                 ++next;
                 continue;
@@ -719,31 +723,29 @@ std::string StompClientImpl::ListenLoop::failureLine(const Worker& worker) const
            headerOrEmpty(*worker.data->frame, "message-id");
 }
 
-AckFrame* StompClientImpl::ListenLoop::answerFor(const Worker& worker) {
+bool StompClientImpl::ListenLoop::answerFor(const Worker& worker, AckPieces* out) {
     // Called with the engine lock held (or held for this thread).
     const bool processed = worker.exitValue && *worker.exitValue == 0;
-    try {
-        if (!engine->session) throw std::out_of_range("no session");
-        return new AckFrame(worker.data->frame.get(), engine->session.get(),
-                            processed ? AckFrame::ACK : AckFrame::NACK);
-    } catch (std::out_of_range&) {
-        // A MESSAGE without the header an ACK must carry cannot be answered;
-        // the connection is fine, so the message is only logged.
-        engine->logError(failureLine(worker));
-        return nullptr;
+    if (engine->session && AckFrame::piecesFor(worker.data->frame.get(), engine->session.get(),
+                                               processed ? AckFrame::ACK : AckFrame::NACK, out)) {
+        return true;
     }
+    // A MESSAGE without the header an ACK must carry cannot be answered;
+    // the connection is fine, so the message is only logged.
+    engine->logError(failureLine(worker));
+    return false;
 }
 
 apr_status_t StompClientImpl::ListenLoop::acknowledge(const Worker& worker) {
     // Called with the engine lock held (or held for this thread).
-    std::unique_ptr<AckFrame> frame(answerFor(worker));
-    if (!frame) return 0;
+    AckPieces ack;
+    if (!answerFor(worker, &ack)) return 0;
     // Only the time left of the budget for settling: a broker that stopped
     // reading must not hold whoever stops this thread.
     const auto left =
         std::chrono::duration_cast<std::chrono::microseconds>(settleUntil - std::chrono::steady_clock::now()).count();
     long long timeout = left > 0 ? static_cast<long long>(left) : 0;
-    const apr_status_t rc = engine->connection->write(frame.get(), &timeout);
+    const apr_status_t rc = engine->connection->writeAcks(&ack, 1, &timeout);
     if (rc != 0) engine->logError(failureLine(worker));
     return rc;
 }

@@ -6,15 +6,43 @@
 
 #include <kelvra/utility/Version.h>
 
+#include <stdexcept>
+
 namespace tavren {
 namespace internal {
 
-AckFrame::AckFrame(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state) {
-    command_ = (state == 1) ? "NACK" : "ACK";
+namespace {
+const std::string kAck = "ACK";
+const std::string kNack = "NACK";
+const std::string kSubscription = "subscription";
+const std::string kMessageId = "message-id";
+} // namespace
+
+const std::string& AckPieces::subscriptionName() { return kSubscription; }
+
+bool AckFrame::piecesFor(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state,
+                         AckPieces* out) {
+    const HeaderMap& headers = message->headers();
+    out->command = (state == 1) ? &kNack : &kAck;
+    out->subscription = nullptr;
     // Only 1.1 exactly wants the subscription; 1.0 and 1.2 do not.
-    if (session->specificationVersion() == kelvra::utility::Version(11))
-        headers_["subscription"] = message->headers().at("subscription");
-    headers_[session->ackHeaderKey()] = message->headers().at("message-id");
+    if (session->specificationVersion() == kelvra::utility::Version(11)) {
+        const auto subscription = headers.find(kSubscription);
+        if (subscription == headers.end()) return false;
+        out->subscription = &subscription->second;
+    }
+    const auto id = headers.find(kMessageId);
+    if (id == headers.end()) return false;
+    out->id = &id->second;
+    out->key = session->ackHeaderKey();
+    return true;
+}
+
+AckFrame::AckFrame(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state) {
+    AckPieces pieces;
+    if (!piecesFor(message, session, state, &pieces)) throw std::out_of_range("map::at");
+    command_ = *pieces.command;
+    pieces.eachHeader([this](const std::string& name, const std::string& value) { headers_[name] = value; });
 }
 
 AckFrame::~AckFrame() {}

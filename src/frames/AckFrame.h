@@ -4,11 +4,36 @@
 
 #include "frames/ClientFrame.h"
 
+#include <cstddef>
+#include <string>
+
 namespace tavren {
 namespace internal {
 
 class ServerFrame;
 class Session;
+
+/**
+ * An ACK or NACK as the strings it is written from: its command and
+ * headers. But for the key, they point into the message's headers and
+ * constants, and are valid while the message is.
+ */
+struct AckPieces {
+    const std::string* command;
+    std::string key;                 // the session's name for the message's id
+    const std::string* id;           // the message's "message-id"
+    const std::string* subscription; // the message's "subscription", or null when not sent
+
+    /** Calls visit(name, value) for each header, in name order (the order a frame's headers are written in). */
+    template <typename Visit>
+    void eachHeader(Visit visit) const {
+        const bool subscriptionFirst = subscription && subscriptionName() < key;
+        if (subscriptionFirst) visit(subscriptionName(), *subscription);
+        visit(key, *id);
+        if (subscription && !subscriptionFirst) visit(subscriptionName(), *subscription);
+    }
+    static const std::string& subscriptionName();
+};
 
 /**
  * The ACK or NACK frame that settles one MESSAGE frame, named the way the
@@ -27,6 +52,13 @@ public:
      */
     AckFrame(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state);
     virtual ~AckFrame();
+
+    /**
+     * The same frame as its strings, none copied (for a writer that sends
+     * them as they are). False when the message lacks a header it needs.
+     */
+    static bool piecesFor(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state,
+                          AckPieces* out);
 };
 
 } // namespace internal

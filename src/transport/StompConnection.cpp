@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "transport/StompConnection.h"
 
+#include "frames/AckFrame.h"
 #include "transport/SocketIo.h"
 
 #include <apr_strings.h>
@@ -308,39 +309,82 @@ apr_status_t StompConnection::disconnect() {
 
 apr_status_t StompConnection::write(ClientFrame* frame, long long* timeout) { return writeFrames(&frame, 1, timeout); }
 
+namespace {
+
+// The pieces of one header line.
+size_t headerPieces(struct iovec* at, const std::string& name, const std::string& value) {
+    at[0] = piece(name.data(), name.size());
+    at[1] = piece(kColon, 1);
+    at[2] = piece(value.data(), value.size());
+    at[3] = piece(kLineFeed, 1);
+    return 4;
+}
+
+// Room for the pieces of frames: on the stack for usual frames, from the
+// heap for frames with many headers.
+class Pieces {
+public:
+    explicit Pieces(size_t needed) : at(onStack) {
+        if (needed > kPiecesOnStack) {
+            onHeap.resize(needed);
+            at = onHeap.data();
+        }
+    }
+    struct iovec* at;
+
+private:
+    struct iovec onStack[kPiecesOnStack];
+    std::vector<struct iovec> onHeap;
+};
+
+} // namespace
+
 apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t frameCount, long long* timeout) {
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
     if (!connected) return APR_ENOSOCKET;
 
     // The frames go out in one vectored send, straight from their strings.
-    // The pieces of usual frames fit on the stack; frames with many headers
-    // take them from the heap.
     size_t needed = 0;
     for (size_t f = 0; f < frameCount; ++f) needed += 4 * frames[f]->headers().size() + 5;
-    struct iovec onStack[kPiecesOnStack];
-    std::vector<struct iovec> onHeap;
-    struct iovec* pieces = onStack;
-    if (needed > kPiecesOnStack) {
-        onHeap.resize(needed);
-        pieces = onHeap.data();
-    }
+    Pieces pieces(needed);
     size_t count = 0;
     for (size_t f = 0; f < frameCount; ++f) {
         const ClientFrame* frame = frames[f];
-        pieces[count++] = piece(frame->command().c_str(), std::strlen(frame->command().c_str()));
-        pieces[count++] = piece(kLineFeed, 1);
+        pieces.at[count++] = piece(frame->command().c_str(), std::strlen(frame->command().c_str()));
+        pieces.at[count++] = piece(kLineFeed, 1);
         for (HeaderMap::const_iterator it = frame->headers().begin(); it != frame->headers().end(); ++it) {
-            pieces[count++] = piece(it->first.data(), it->first.size());
-            pieces[count++] = piece(kColon, 1);
-            pieces[count++] = piece(it->second.data(), it->second.size());
-            pieces[count++] = piece(kLineFeed, 1);
+            count += headerPieces(pieces.at + count, it->first, it->second);
         }
-        pieces[count++] = piece(kLineFeed, 1);
-        if (frame->body()) pieces[count++] = piece(frame->body(), std::strlen(frame->body()));
-        pieces[count++] = piece(kFrameEnd, sizeof kFrameEnd);
+        pieces.at[count++] = piece(kLineFeed, 1);
+        if (frame->body()) pieces.at[count++] = piece(frame->body(), std::strlen(frame->body()));
+        pieces.at[count++] = piece(kFrameEnd, sizeof kFrameEnd);
     }
+    return sendJoined(pieces.at, count, timeout);
+}
 
+apr_status_t StompConnection::writeAcks(const AckPieces* acks, size_t ackCount, long long* timeout) {
+    Lock lock(mutex);
+    if (lock.status() != APR_SUCCESS) return lock.status();
+    if (!connected) return APR_ENOSOCKET;
+
+    // The bytes of the frames AckFrame makes, without making them.
+    Pieces pieces(ackCount * (4 * 2 + 4));
+    size_t count = 0;
+    for (size_t a = 0; a < ackCount; ++a) {
+        const AckPieces& ack = acks[a];
+        pieces.at[count++] = piece(ack.command->data(), ack.command->size());
+        pieces.at[count++] = piece(kLineFeed, 1);
+        ack.eachHeader([&](const std::string& name, const std::string& value) {
+            count += headerPieces(pieces.at + count, name, value);
+        });
+        pieces.at[count++] = piece(kLineFeed, 1);
+        pieces.at[count++] = piece(kFrameEnd, sizeof kFrameEnd);
+    }
+    return sendJoined(pieces.at, count, timeout);
+}
+
+apr_status_t StompConnection::sendJoined(struct iovec* pieces, size_t count, long long* timeout) {
     // Small frames are copied into one buffer first: the kernel walks a
     // single piece faster than fifteen, and the copy costs less than that.
     char joined[kJoinLimit];
@@ -357,7 +401,6 @@ apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t fra
         pieces = &whole;
         count = 1;
     }
-
     return sendPieces(pieces, static_cast<int>(count), writeTimeout(timeout));
 }
 

@@ -40,6 +40,8 @@ namespace internal {
  * Time-outs are microseconds passed by pointer: a null pointer leaves the
  * socket's time-out as it is. A negative time-out waits for ever, 0 never.
  */
+struct AckPieces;
+
 class StompConnection {
 public:
     /** Initialises the runtime when the library is loaded, terminates it at unload. */
@@ -120,6 +122,9 @@ public:
      */
     apr_status_t writeFrames(ClientFrame* const* frames, size_t frameCount, long long* timeout);
 
+    /** As writeFrames() with the ACK and NACK frames of acks (AckFrame::piecesFor), without making them. */
+    apr_status_t writeAcks(const AckPieces* acks, size_t ackCount, long long* timeout);
+
     /** Writes one LF. A failure to send is ignored; the result is that of restoring the time-out. */
     apr_status_t sendHeartbeat(long long* timeout);
 
@@ -188,6 +193,9 @@ protected:
     // read() and readNext(): receive false leaves the socket alone;
     // heartbeatFrames false gives a heart-beat as a null frame.
     apr_status_t readFrame(ServerFrame** out, bool block, long long* timeout, bool receive, bool heartbeatFrames);
+    // Sends the pieces of whole frames, joined first when they are small;
+    // the mutex is held.
+    apr_status_t sendJoined(struct iovec* pieces, size_t count, long long* timeout);
     apr_status_t receiveSome(char* buffer, size_t length, size_t* received, const SocketIo::Deadline& deadline);
     void applyKeepAlive();
     void setInterruptible(int fd);
