@@ -4,8 +4,6 @@
 #include "frames/ServerFrame.h"
 #include "frames/Session.h"
 
-#include <kelvra/utility/Version.h>
-
 #include <stdexcept>
 
 namespace tavren {
@@ -25,8 +23,7 @@ bool AckFrame::piecesFor(const ServerFrame* message, const Session* session, Ack
     const HeaderMap& headers = message->headers();
     out->command = (state == 1) ? &kNack : &kAck;
     out->subscription = nullptr;
-    // Only 1.1 exactly wants the subscription; 1.0 and 1.2 do not.
-    if (session->specificationVersion() == kelvra::utility::Version(11)) {
+    if (session->ackNamesSubscription()) {
         const auto subscription = headers.find(kSubscription);
         if (subscription == headers.end()) return false;
         out->subscription = &subscription->second;

@@ -8,10 +8,10 @@ namespace internal {
 
 using kelvra::utility::Version;
 
-Session::Session() : serverVersion_(0), hasVersion_(false), specificationVersion_(0) {}
+Session::Session() : serverVersion_(0), hasVersion_(false), specificationVersion_(0), ackNamesSubscription_(false) {}
 
 Session::Session(std::string server, std::string version, std::string heartBeat, std::string session)
-    : serverVersion_(0), hasVersion_(false), specificationVersion_(0) {
+    : serverVersion_(0), hasVersion_(false), specificationVersion_(0), ackNamesSubscription_(false) {
     // "server" is "name/version comment comment ...", every part optional.
     const std::string::size_type slash = server.find('/');
     hasVersion_ = slash != std::string::npos;
@@ -33,6 +33,8 @@ Session::Session(std::string server, std::string version, std::string heartBeat,
     }
 
     specificationVersion_ = Version(version);
+    // Only 1.1 exactly wants the subscription; 1.0 and 1.2 do not.
+    ackNamesSubscription_ = specificationVersion_ == Version(11);
 
     const std::string::size_type comma = heartBeat.find(',');
     if (comma == std::string::npos) {

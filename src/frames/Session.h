@@ -37,6 +37,8 @@ public:
     std::string serverHB() const { return serverHB_; }
     /** "message-id" below 1.2; from 1.2 on "ack" for ActiveMQ, "id" otherwise. */
     std::string ackHeaderKey() const { return ackHeaderKey_; }
+    /** Whether an ACK or NACK names the message's subscription too: on protocol 1.1 exactly. */
+    bool ackNamesSubscription() const { return ackNamesSubscription_; }
 
 private:
     std::string serverName_;
@@ -48,6 +50,7 @@ private:
     std::string clientHB_;
     std::string serverHB_;
     std::string ackHeaderKey_;
+    bool ackNamesSubscription_;
 };
 
 /** The session printout written into log messages. */
