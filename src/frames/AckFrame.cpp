@@ -12,11 +12,8 @@ namespace internal {
 namespace {
 const std::string kAck = "ACK";
 const std::string kNack = "NACK";
-const std::string kSubscription = "subscription";
 const std::string kMessageId = "message-id";
 } // namespace
-
-const std::string& AckPieces::subscriptionName() { return kSubscription; }
 
 bool AckFrame::piecesFor(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state,
                          AckPieces* out) {
@@ -24,7 +21,7 @@ bool AckFrame::piecesFor(const ServerFrame* message, const Session* session, Ack
     out->command = (state == 1) ? &kNack : &kAck;
     out->subscription = nullptr;
     if (session->ackNamesSubscription()) {
-        const auto subscription = headers.find(kSubscription);
+        const auto subscription = headers.find(AckPieces::subscriptionName());
         if (subscription == headers.end()) return false;
         out->subscription = &subscription->second;
     }

@@ -32,7 +32,10 @@ struct AckPieces {
         visit(key, *id);
         if (subscription && !subscriptionFirst) visit(subscriptionName(), *subscription);
     }
-    static const std::string& subscriptionName();
+    static const std::string& subscriptionName() {
+        static const std::string name = "subscription";
+        return name;
+    }
 };
 
 /**
