@@ -50,6 +50,14 @@ public:
     /** A record and the listener's answer (a heap int, owned by the taker). */
     using Answer = std::pair<Listener::WorkerData*, int*>;
 
+    /** Writes the answers to calls (ACK or NACK) for the pool's threads; see writeWith(). */
+    class Writer {
+    public:
+        virtual ~Writer() {}
+        /** Writes the answers, in this order, in one write; false when the write failed. */
+        virtual bool write(const std::vector<Answer>& answers) = 0;
+    };
+
     /** Starts up to threads threads on stacks of stackSize bytes; wakeFd (or -1) is written once per answer. */
     WorkerPool(int threads, WorkerStacks& stacks, size_t stackSize, int wakeFd);
     /** stop(), and deletes the records handed but never started. */
@@ -67,14 +75,38 @@ public:
     using Handed = std::pair<Listener::WorkerData*, const std::string*>;
     /** hand() for each, in this order, at the cost of one. */
     void handAll(const std::vector<Handed>& records);
-    /** Wakes sleeping threads for the records that have waited kPoolNudgeMs for the threads awake. */
+    /**
+     * Wakes sleeping threads for the records that have waited kPoolNudgeMs
+     * for the threads awake, and writes the answers that have waited as long
+     * for their thread's next call to end.
+     */
     void nudge();
+    /**
+     * From now on the threads write the answers to their calls with writer
+     * (null: they leave them to the taker, the default): those of a run of
+     * short calls together, once no record is ready (kPoolAnswersPerWrite at
+     * most), in the order the calls returned, one write at a time. An answer
+     * is published once written; one whose write failed, or that was not
+     * written when the pool was withdrawn from, is published unwritten.
+     */
+    void writeWith(Writer* writer);
     /** Moves the answers published since the last call into out. */
     void collect(std::vector<Answer>* out);
+    /** As collect(); the records whose answers were written go into written too. */
+    void collect(std::vector<Answer>* out, std::vector<Listener::WorkerData*>* written);
+    /**
+     * The caller is about to wait for a published answer (reading paused for
+     * a free thread): false when one is already published (no wait needed);
+     * else until disarm() the next answer wakes it, written or not.
+     */
+    bool armWake();
+    void disarm();
+    /** The answers published and not yet collected or taken (read without the mutex: may be a moment old). */
+    size_t published() const;
     /** The wake-up descriptor has been emptied: the next answer writes it again. */
     void rearm();
     /** The answer to data, once published: for a record marked done, whose answer follows at once. */
-    int* takeAnswer(Listener::WorkerData* data);
+    int* takeAnswer(Listener::WorkerData* data, bool* written = nullptr);
     /** No more calls start; the records handed but not started are given back (no call, no answer). */
     std::vector<Listener::WorkerData*> withdraw();
     /** Ends the threads: idle ones are joined, those still in a call left to the stacks. */
