@@ -145,7 +145,8 @@ private:
     bool answerFor(const Worker& worker, AckPieces* out);
     std::string failureLine(const Worker& worker) const;
     void release(Worker& worker);
-    void drainWakeUps();
+    /** Empties the wake-up descriptor; on the pool only when it was written (or force). */
+    void drainWakeUps(bool force = false);
 
     StompClientImpl* engine;
     const unsigned generation; // the connection this thread serves
@@ -153,6 +154,7 @@ private:
     bool connectionLost;       // no ACK or NACK can be sent any more
     bool boundReported;        // the bound on workers has been reached (and logged) on this connection
     int wakeFd;                // written by each worker when it is done; -1 if none could be made
+    bool woke;                 // a wait saw wakeFd written since it was last emptied
     pthread_attr_t workerAttributes;
     std::vector<Worker> workers;
     std::vector<size_t> finished; // scratch for reaping: indexes into workers
@@ -193,6 +195,7 @@ StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
       connectionLost(false),
       boundReported(false),
       wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      woke(false),
       waiting(nullptr),
       agreed(e->agreed),
       heartbeating(agreed.sendEveryMs > 0 || agreed.expectEveryMs > 0),
@@ -320,6 +323,7 @@ bool StompClientImpl::ListenLoop::waitForWork() {
     // A failure (the connection went) is left to the read to report.
     const apr_status_t rc = engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &readable, &woken);
     if (armed) pool->disarm();
+    woke = woke || woken;
     if (rc != 0) return true;
     return readable;
 }
@@ -548,8 +552,13 @@ void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {
     slot->second->condition()->signal();
 }
 
-void StompClientImpl::ListenLoop::drainWakeUps() {
+void StompClientImpl::ListenLoop::drainWakeUps(bool force) {
     if (wakeFd < 0) return;
+    // The pool writes the descriptor once until rearmed, and only when it
+    // has to: no read (a system call) for an empty one. A write it is about
+    // to make after this look wakes the next wait, which empties it.
+    if (pool && !force && !woke && !pool->notifiedSinceRearm()) return;
+    woke = false;
     // One read takes the whole count and sets it to zero.
     uint64_t count;
     ssize_t ignored = ::read(wakeFd, &count, sizeof count);
@@ -711,7 +720,7 @@ bool StompClientImpl::ListenLoop::awaitDone(Worker& worker, unsigned graceUs) {
         const int leftMs = static_cast<int>((graceUs - passedUs + 999) / 1000);
         bool unused = false, woken = false;
         SocketIo::waitReadable(-1, wakeFd, leftMs, &unused, &woken);
-        drainWakeUps();
+        drainWakeUps(true);
     }
     // The grace is over: the worker is left to finish alone, unless it
     // finishes right now.

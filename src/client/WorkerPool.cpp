@@ -370,6 +370,13 @@ void WorkerPool::disarm() {
     pthread_mutex_unlock(&shared->mutex);
 }
 
+bool WorkerPool::notifiedSinceRearm() const {
+    pthread_mutex_lock(&shared->mutex);
+    const bool notified = shared->notified;
+    pthread_mutex_unlock(&shared->mutex);
+    return notified;
+}
+
 void WorkerPool::rearm() {
     pthread_mutex_lock(&shared->mutex);
     shared->notified = false;

@@ -105,6 +105,8 @@ public:
     size_t published() const;
     /** The wake-up descriptor has been emptied: the next answer writes it again. */
     void rearm();
+    /** Whether the descriptor was written since the last rearm(): else there is nothing to empty. */
+    bool notifiedSinceRearm() const;
     /** The answer to data, once published: for a record marked done, whose answer follows at once. */
     int* takeAnswer(Listener::WorkerData* data, bool* written = nullptr);
     /** No more calls start; the records handed but not started are given back (no call, no answer). */
