@@ -17,6 +17,15 @@ inline bool underEmulation() {
     return value != nullptr && *value != '\0' && std::strcmp(value, "0") != 0;
 }
 
+/** Whether the process runs under valgrind (scripts/memcheck.sh), which preloads its own allocator. */
+inline bool underValgrind() {
+    const char* preloaded = std::getenv("LD_PRELOAD");
+    return preloaded && std::strstr(preloaded, "vgpreload");
+}
+
+/** True where every step takes far longer than on the machine itself: qemu-user or valgrind. */
+inline bool slowedDown() { return underEmulation() || underValgrind(); }
+
 } // namespace test
 } // namespace tavren
 

@@ -6,10 +6,6 @@
 
 #include <dirent.h>
 
-#if __has_include(<valgrind/valgrind.h>)
-#include <valgrind/valgrind.h>
-#endif
-
 #include <string>
 
 namespace tavren {
@@ -38,13 +34,7 @@ struct Footprint {
     }
 
     /** False under valgrind, whose allocator and shadow memory make the resident figure meaningless. */
-    static bool residentMemoryMeaningful() {
-#ifdef RUNNING_ON_VALGRIND
-        return RUNNING_ON_VALGRIND == 0;
-#else
-        return true;
-#endif
-    }
+    static bool residentMemoryMeaningful() { return !underValgrind(); }
 
     std::string describe() const {
         return "fds " + std::to_string(fds) + ", threads " + std::to_string(threads) + ", RSS " +

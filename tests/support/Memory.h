@@ -2,6 +2,8 @@
 #ifndef TAVREN_TEST_MEMORY_H
 #define TAVREN_TEST_MEMORY_H
 
+#include "support/Emulation.h"
+
 #include <malloc.h>
 #include <unistd.h>
 
@@ -47,12 +49,6 @@ inline bool resetPeakResident() {
     if (!f) return false;
     const bool written = std::fputs("5", f) >= 0;
     return std::fclose(f) == 0 && written;
-}
-
-/** Whether the process runs under valgrind (scripts/memcheck.sh), which preloads its own allocator. */
-inline bool underValgrind() {
-    const char* preloaded = std::getenv("LD_PRELOAD");
-    return preloaded && std::strstr(preloaded, "vgpreload");
 }
 
 } // namespace test
