@@ -21,7 +21,11 @@ namespace internal {
  * A fixed number of long-lived threads that run listener calls, for one
  * connection (StompClient::useWorkerPool). The listen thread hands each
  * record to the pool; a free thread calls its listener and publishes the
- * answer, then wakes the listen thread through its eventfd.
+ * answer, then wakes the listen thread through its eventfd. Given a writer
+ * (writeWith()), the threads write the answers (ACK or NACK) themselves and
+ * publish them as written: the listen thread then only releases the records,
+ * on its next pass, and is woken for an answer only while it waits for one
+ * (armWake()) or when a write failed.
  *
  * Records handed with a lane (in-order delivery: the destination) run one
  * at a time and in the order handed: a lane's next record becomes ready
@@ -34,8 +38,9 @@ namespace internal {
  * not sleep; while calls are short (kPoolShortCallNs) and a thread is
  * awake, records wait for it instead of waking another, and nudge() (on
  * each pass of the listen thread) wakes one for a record that waited
- * kPoolNudgeMs; the listen thread's eventfd is written only for the first
- * answer since it last emptied it (rearm()); and a caller of takeAnswer()
+ * kPoolNudgeMs; the answers of a run of short calls are written together;
+ * the listen thread's eventfd is written only for the first answer it has
+ * to see since it last emptied it (rearm()); and a caller of takeAnswer()
  * is woken only while one waits.
  *
  * A record keeps the life it has with a thread of its own: the listen
