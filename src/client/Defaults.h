@@ -66,6 +66,11 @@ const long long kPoolShortCallNs = 50 * 1000;
 // never returns) holds back the records behind it at most this long, plus
 // the listen thread's wait (kListenWaitMs), which looks at it each pass.
 const int kPoolNudgeMs = 2;
+// A pool thread that writes the answers to its calls itself (useWorkerPool)
+// writes those of one run of short calls together, once no record is ready
+// or this many wait: one write for a burst instead of one a message, and no
+// wake-up of the listen thread for it.
+const size_t kPoolAnswersPerWrite = 64;
 
 // Worker stacks kept mapped for reuse beyond those in use: twice the default
 // bound, so a raised bound still reuses most of them. At the default size

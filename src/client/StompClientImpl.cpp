@@ -33,6 +33,7 @@ StompClientImpl::StompClientImpl(tavren::Logger* l, std::string name)
       hasSession(false),
       listenThreadStarted(false),
       listenGeneration(0),
+      listenConnection(0),
       destroying(false),
       retriesInside(0),
       runningListenThreads(0),
@@ -302,6 +303,7 @@ void StompClientImpl::eventConnect() {
     listening = true;
     // Each connection gets a listen thread of its own; one that served an
     // earlier connection sees the count move on and ends.
+    listenConnection = connection->connectionNumber();
     ++listenGeneration;
     pthread_mutex_lock(&threadsMutex);
     ++runningListenThreads;

@@ -197,6 +197,7 @@ private:
     std::atomic<bool> hasSession;           // session is non-empty; read by isConnected()
     bool listenThreadStarted;               // *listenThread holds a thread not yet joined
     std::atomic<unsigned> listenGeneration; // counts connections; a listen thread serves one
+    std::atomic<unsigned> listenConnection; // the connection's number (connectionNumber()) for that thread
     // Subscriptions and unsubscriptions waiting for their receipt, by receipt
     // id: destination and listener (null for an unsubscription).
     std::map<std::string, std::pair<std::string, tavren::Listener*>> pendingChanges;

@@ -80,6 +80,25 @@ private:
         WorkerStacks::Stack stack; // the stack it runs on, given back once joined
         bool joined;               // its thread has been joined and its answer taken
         int* exitValue;            // the listener's answer, once joined
+        bool written;              // its answer was written by the pool's thread that ran it
+    };
+
+    /** Writes the answers of the pool's calls from the pool's threads, on this connection only. */
+    class AckWriter : public WorkerPool::Writer {
+    public:
+        AckWriter(StompConnection* c, unsigned number, const Session& session)
+            : connection(c),
+              connectionNumber(number),
+              ackKey(session.ackHeaderKey()),
+              withSubscription(session.ackNamesSubscription()) {}
+        bool write(const std::vector<WorkerPool::Answer>& answers) override;
+
+    private:
+        StompConnection* const connection;
+        const unsigned connectionNumber;
+        const std::string ackKey;
+        const bool withSubscription;
+        std::vector<AckPieces> acks; // scratch; one thread writes at a time
     };
 
     bool stopRequested() const { return engine->listenStopRequested(generation); }
@@ -126,7 +145,8 @@ private:
     bool answerFor(const Worker& worker, AckPieces* out);
     std::string failureLine(const Worker& worker) const;
     void release(Worker& worker);
-    void drainWakeUps();
+    /** Empties the wake-up descriptor; on the pool only when it was written (or force). */
+    void drainWakeUps(bool force = false);
 
     StompClientImpl* engine;
     const unsigned generation; // the connection this thread serves
@@ -134,6 +154,7 @@ private:
     bool connectionLost;       // no ACK or NACK can be sent any more
     bool boundReported;        // the bound on workers has been reached (and logged) on this connection
     int wakeFd;                // written by each worker when it is done; -1 if none could be made
+    bool woke;                 // a wait saw wakeFd written since it was last emptied
     pthread_attr_t workerAttributes;
     std::vector<Worker> workers;
     std::vector<size_t> finished; // scratch for reaping: indexes into workers
@@ -148,10 +169,14 @@ private:
     const bool heartbeating;                           // in either direction
     // When reading last paused because every worker was busy, if it ever did.
     std::optional<std::chrono::steady_clock::time_point> readingPausedAt;
-    // With useWorkerPool: the threads that run the calls; null with a thread per message.
+    // With useWorkerPool: the threads that run the calls; null with a thread
+    // per message. They write the answers themselves with ackWriter (which
+    // outlives the pool) when the connection has a session.
+    std::unique_ptr<AckWriter> ackWriter;
     std::unique_ptr<WorkerPool> pool;
-    std::vector<WorkerPool::Answer> answers; // scratch for collecting
-    std::vector<WorkerPool::Handed> toHand;  // the messages of a pass, for the pool
+    std::vector<Listener::WorkerData*> writtenRecords; // scratch for collecting
+    std::vector<WorkerPool::Answer> answers;           // scratch for collecting
+    std::vector<WorkerPool::Handed> toHand;            // the messages of a pass, for the pool
     // With enableOrderedDelivery on a thread per message: the messages of each
     // destination waiting for its running call, in the broker's order, and
     // the destinations with one.
@@ -170,6 +195,7 @@ StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
       connectionLost(false),
       boundReported(false),
       wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      woke(false),
       waiting(nullptr),
       agreed(e->agreed),
       heartbeating(agreed.sendEveryMs > 0 || agreed.expectEveryMs > 0),
@@ -183,6 +209,10 @@ StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
                         (pool->size() == 0 ? "; a thread is started for each message instead." : "."));
         }
         if (pool->size() == 0) pool.reset();
+        if (pool && e->session) {
+            ackWriter.reset(new AckWriter(e->connection.get(), e->listenConnection, *e->session));
+            pool->writeWith(ackWriter.get());
+        }
     }
 }
 
@@ -247,7 +277,9 @@ void StompClientImpl::ListenLoop::run() {
 }
 
 bool StompClientImpl::ListenLoop::full() const {
-    if (!ordered) return waiting || static_cast<int>(workers.size()) >= bound();
+    // On the pool, a call whose answer is published is over, though its
+    // record is only released on the next pass.
+    if (!ordered) return waiting || static_cast<int>(workers.size() - (pool ? pool->published() : 0)) >= bound();
     // In order, messages wait in their destination's queue; only a broker
     // that sends beyond the bound it was asked for fills one.
     if (pool) {
@@ -283,9 +315,16 @@ bool StompClientImpl::ListenLoop::waitForWork() {
     int timeoutMs = kListenWaitMs;
     // Without an eventfd, finished workers are looked for every millisecond.
     if (wakeFd < 0 && !workers.empty()) timeoutMs = 1;
+    // The pool's threads write the answers they can and wake this thread
+    // only for the others, or while reading pauses for a free thread.
+    const bool armed = pool && !watchSocket;
+    if (armed && !pool->armWake()) return false; // an answer is there: no wait
     bool readable = false, woken = false;
     // A failure (the connection went) is left to the read to report.
-    if (engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &readable, &woken) != 0) return true;
+    const apr_status_t rc = engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &readable, &woken);
+    if (armed) pool->disarm();
+    woke = woke || woken;
+    if (rc != 0) return true;
     return readable;
 }
 
@@ -390,7 +429,7 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
         auto lane = inLane.emplace(name, 0).first;
         ++lane->second;
         toHand.emplace_back(data, &lane->first); // the key lives until the message is settled
-        workers.push_back(Worker{data, WorkerStacks::Stack(), false, nullptr});
+        workers.push_back(Worker{data, WorkerStacks::Stack(), false, nullptr, false});
         return;
     }
     if (ordered) {
@@ -408,7 +447,7 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
 bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
     if (pool) {
         toHand.emplace_back(data, nullptr);
-        workers.push_back(Worker{data, WorkerStacks::Stack(), false, nullptr});
+        workers.push_back(Worker{data, WorkerStacks::Stack(), false, nullptr, false});
         return true;
     }
     const size_t size = workerStackBytes(engine->workerStackSize);
@@ -426,7 +465,7 @@ bool StompClientImpl::ListenLoop::startWorker(Listener::WorkerData* data) {
         }
         return false;
     }
-    workers.push_back(Worker{data, stack, false, nullptr});
+    workers.push_back(Worker{data, stack, false, nullptr, false});
     return true;
 }
 
@@ -513,8 +552,13 @@ void StompClientImpl::ListenLoop::deliverResult(ServerFrame* raw) {
     slot->second->condition()->signal();
 }
 
-void StompClientImpl::ListenLoop::drainWakeUps() {
+void StompClientImpl::ListenLoop::drainWakeUps(bool force) {
     if (wakeFd < 0) return;
+    // The pool writes the descriptor once until rearmed, and only when it
+    // has to: no read (a system call) for an empty one. A write it is about
+    // to make after this look wakes the next wait, which empties it.
+    if (pool && !force && !woke && !pool->notifiedSinceRearm()) return;
+    woke = false;
     // One read takes the whole count and sets it to zero.
     uint64_t count;
     ssize_t ignored = ::read(wakeFd, &count, sizeof count);
@@ -546,7 +590,9 @@ void StompClientImpl::ListenLoop::reapFinished() {
     // A done worker touches its record no more; joining it at once lets the
     // thread library hand its stack to the next worker.
     for (size_t i : finished) join(workers[i]);
-    if (!lockEngine()) return; // the engine is stopping this thread; resolving acknowledges them
+    const bool toWrite =
+        std::any_of(finished.begin(), finished.end(), [this](size_t i) { return !workers[i].written; });
+    if (toWrite && !lockEngine()) return; // the engine is stopping this thread; resolving acknowledges them
 
     // Every ACK and NACK in one hold of the lock and one write, in the order
     // the messages came: the bytes are those of the frames one after another.
@@ -554,6 +600,7 @@ void StompClientImpl::ListenLoop::reapFinished() {
     answered.assign(finished.size(), false);
     size_t firstWritten = finished.size();
     for (size_t k = 0; k < finished.size(); ++k) {
+        if (workers[finished[k]].written) continue; // by the pool's thread
         AckPieces ack;
         if (!answerFor(workers[finished[k]], &ack)) continue;
         acks.push_back(ack);
@@ -590,10 +637,28 @@ void StompClientImpl::ListenLoop::reapFinished() {
     if (ordered) settled(destinations);
 }
 
+bool StompClientImpl::ListenLoop::AckWriter::write(const std::vector<WorkerPool::Answer>& answers) {
+    // A message that cannot be answered (no id) fails the whole write: the
+    // listen thread then answers them one by one and logs that one.
+    acks.resize(answers.size());
+    for (size_t i = 0; i < answers.size(); ++i) {
+        AckPieces& ack = acks[i];
+        const bool processed = answers[i].second && *answers[i].second == 0;
+        if (!AckFrame::piecesFor(answers[i].first->frame.get(), ackKey, withSubscription,
+                                 processed ? AckFrame::ACK : AckFrame::NACK, &ack)) {
+            return false;
+        }
+    }
+    long long timeout = kWriteTimeoutUs;
+    return connection->writeAcks(acks.data(), acks.size(), &timeout, connectionNumber) == 0;
+}
+
 void StompClientImpl::ListenLoop::collectAnswers() {
     answers.clear();
-    pool->collect(&answers);
+    writtenRecords.clear();
+    pool->collect(&answers, &writtenRecords);
     if (answers.empty()) return;
+    std::sort(writtenRecords.begin(), writtenRecords.end(), std::less<Listener::WorkerData*>());
     // Many records may wait for the pool's threads: one pass over them, the
     // answers looked up by record.
     const std::less<Listener::WorkerData*> before;
@@ -606,6 +671,8 @@ void StompClientImpl::ListenLoop::collectAnswers() {
         if (answer == answers.end() || answer->first != worker.data) continue;
         worker.exitValue = answer->second;
         worker.joined = true;
+        worker.written = std::binary_search(writtenRecords.begin(), writtenRecords.end(), worker.data,
+                                            std::less<Listener::WorkerData*>());
     }
 }
 
@@ -653,7 +720,7 @@ bool StompClientImpl::ListenLoop::awaitDone(Worker& worker, unsigned graceUs) {
         const int leftMs = static_cast<int>((graceUs - passedUs + 999) / 1000);
         bool unused = false, woken = false;
         SocketIo::waitReadable(-1, wakeFd, leftMs, &unused, &woken);
-        drainWakeUps();
+        drainWakeUps(true);
     }
     // The grace is over: the worker is left to finish alone, unless it
     // finishes right now.
@@ -689,7 +756,9 @@ void StompClientImpl::ListenLoop::resolve() {
         join(worker);
         const std::string id = headerOrEmpty(*data->frame, "message-id");
         const bool processed = worker.exitValue && *worker.exitValue == 0;
-        if (connectionLost) {
+        if (worker.written) {
+            // Answered by the pool's thread.
+        } else if (connectionLost) {
             engine->logError(processed ? "message: " + id + " was fully processed but we are unable to ACK broker."
                                        : "message: " + id + " was NOT processed but we are unable to NACK broker.");
         } else if (acknowledge(worker) != 0) {
@@ -706,7 +775,7 @@ void StompClientImpl::ListenLoop::join(Worker& worker) {
     if (worker.joined) return;
     if (pool) {
         // Marked done: its answer is being published.
-        worker.exitValue = pool->takeAnswer(worker.data);
+        worker.exitValue = pool->takeAnswer(worker.data, &worker.written);
         worker.joined = true;
         return;
     }

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -44,9 +45,22 @@ struct WorkerPool::Shared {
         ~Mailbox() { sem_destroy(&wake); }
     };
 
+    // An answer waiting to be written by the pool (writeWith).
+    struct Unwritten {
+        Listener::WorkerData* data;
+        int* answer;
+        Clock::time_point since;
+    };
+
     pthread_mutex_t mutex;
     pthread_cond_t answered; // an answer was published
     std::deque<Ready> ready;
+    Writer* writer = nullptr;         // writes the answers, or null: the taker does
+    bool writing = false;             // a thread writes answers now (one at a time, in order)
+    std::vector<Unwritten> unwritten; // answers for the writer, in the order their calls returned
+    std::vector<bool> answerWritten;  // by answers: whether it was written
+    std::atomic<size_t> published{0}; // answers.size(), for readers without the mutex
+    bool listenArmed = false;         // the listen thread waits for an answer, written or not
     // The lanes with a record ready or in a call; a lane without one has no entry.
     std::map<std::string, Lane> lanes;
     std::vector<Answer> answers;
@@ -134,17 +148,55 @@ struct WorkerPool::Shared {
         return makeReady(Ready{data, lanes.emplace(*lane, Lane()).first, true});
     }
 
+    // With the mutex held: publishes the answer to data. Returns whether
+    // the listen thread's descriptor is to be written (once the mutex is
+    // released): for an answer it has to write, or while it waits for one.
+    bool publish(Listener::WorkerData* data, int* answer, bool written) {
+        answers.emplace_back(data, answer);
+        answerWritten.push_back(written);
+        published.store(answers.size(), std::memory_order_relaxed);
+        if (takers > 0) pthread_cond_broadcast(&answered);
+        if ((written && !listenArmed) || notified || wakeFd < 0) return false;
+        return notified = true;
+    }
+
+    // With the mutex held, which it releases while it writes: writes the
+    // answers waiting for the writer, unless another thread does already
+    // (it then writes these too, in their order). As publish().
+    bool flush() {
+        bool wake = false;
+        std::vector<Answer> batch;
+        while (!writing && writer && !stopping && !unwritten.empty()) {
+            writing = true;
+            batch.clear();
+            for (const Unwritten& waiting : unwritten) batch.emplace_back(waiting.data, waiting.answer);
+            unwritten.clear();
+            Writer* const by = writer;
+            pthread_mutex_unlock(&mutex);
+            const bool written = by->write(batch);
+            pthread_mutex_lock(&mutex);
+            writing = false;
+            for (const Answer& answer : batch) wake = publish(answer.first, answer.second, written) || wake;
+        }
+        return wake;
+    }
+
     // With the mutex held: the call of record has ended with answer (null:
     // abandoned, the record deleted) after callNs; its lane's next record
-    // becomes ready, for the thread that ran this one. Returns whether the
-    // listen thread's descriptor is to be written (once the mutex is released).
+    // becomes ready, for the thread that ran this one. The answer is
+    // published, or left for the writer. As publish().
     bool ended(const Ready& record, int* answer, long long callNs) {
         averageCallNs += (callNs - averageCallNs) / 8;
         bool wake = false;
         if (answer) {
-            answers.emplace_back(record.data, answer);
-            if (takers > 0) pthread_cond_broadcast(&answered);
-            if (!notified && wakeFd >= 0) wake = notified = true;
+            // The writer writes answers in the order their calls returned, so
+            // a lane's answers leave in its order though its next call starts
+            // at once.
+            if (writer && !stopping) {
+                unwritten.push_back(Unwritten{record.data, answer, Clock::now()});
+            } else {
+                wake = publish(record.data, answer, false);
+            }
         }
         if (!record.inLane) return wake;
         Lane& lane = record.lane->second;
@@ -224,7 +276,14 @@ void* WorkerPool::threadBody(void* arg) {
 
         pthread_mutex_lock(&pool.mutex);
         pool.setBusy(start->index, false);
-        if (pool.ended(record, answer, callNs)) {
+        bool wake = pool.ended(record, answer, callNs);
+        // The answers of a run of short calls go out together once this
+        // thread has no next record; a call that was not short, or a full
+        // batch, writes them at once.
+        if (pool.ready.empty() || callNs >= kPoolShortCallNs || pool.unwritten.size() >= kPoolAnswersPerWrite) {
+            wake = pool.flush() || wake;
+        }
+        if (wake) {
             // Outside the mutex: the other threads go on meanwhile. The
             // descriptor stays open until the pool has stopped, and stop()
             // waits for this thread.
@@ -259,22 +318,63 @@ void WorkerPool::handAll(const std::vector<Handed>& records) {
 void WorkerPool::nudge() {
     std::vector<long> woken;
     pthread_mutex_lock(&shared->mutex);
+    const Shared::Clock::time_point late = Shared::Clock::now() - std::chrono::milliseconds(kPoolNudgeMs);
     if (!shared->ready.empty() && !shared->asleep.empty()) {
-        const Shared::Clock::time_point late = Shared::Clock::now() - std::chrono::milliseconds(kPoolNudgeMs);
         while (!shared->ready.empty() && !shared->asleep.empty() && shared->ready.front().queuedAt <= late) {
             woken.push_back(shared->give(shared->ready.front()));
             shared->ready.pop_front();
         }
     }
+    // Answers held for the end of a run of calls whose next call turned
+    // long are written here (the caller is the one it would wake).
+    if (!shared->unwritten.empty() && shared->unwritten.front().since <= late) shared->flush();
     pthread_mutex_unlock(&shared->mutex);
     for (long index : woken) sem_post(&shared->mailboxes[static_cast<size_t>(index)]->wake);
 }
 
-void WorkerPool::collect(std::vector<Answer>* out) {
+void WorkerPool::writeWith(Writer* writer) {
+    pthread_mutex_lock(&shared->mutex);
+    shared->writer = writer;
+    pthread_mutex_unlock(&shared->mutex);
+}
+
+void WorkerPool::collect(std::vector<Answer>* out) { collect(out, nullptr); }
+
+void WorkerPool::collect(std::vector<Answer>* out, std::vector<Listener::WorkerData*>* written) {
     pthread_mutex_lock(&shared->mutex);
     out->insert(out->end(), shared->answers.begin(), shared->answers.end());
+    if (written) {
+        for (size_t i = 0; i < shared->answers.size(); ++i) {
+            if (shared->answerWritten[i]) written->push_back(shared->answers[i].first);
+        }
+    }
     shared->answers.clear();
+    shared->answerWritten.clear();
+    shared->published.store(0, std::memory_order_relaxed);
     pthread_mutex_unlock(&shared->mutex);
+}
+
+size_t WorkerPool::published() const { return shared->published.load(std::memory_order_relaxed); }
+
+bool WorkerPool::armWake() {
+    pthread_mutex_lock(&shared->mutex);
+    const bool wait = shared->answers.empty();
+    if (wait) shared->listenArmed = true;
+    pthread_mutex_unlock(&shared->mutex);
+    return wait;
+}
+
+void WorkerPool::disarm() {
+    pthread_mutex_lock(&shared->mutex);
+    shared->listenArmed = false;
+    pthread_mutex_unlock(&shared->mutex);
+}
+
+bool WorkerPool::notifiedSinceRearm() const {
+    pthread_mutex_lock(&shared->mutex);
+    const bool notified = shared->notified;
+    pthread_mutex_unlock(&shared->mutex);
+    return notified;
 }
 
 void WorkerPool::rearm() {
@@ -283,14 +383,18 @@ void WorkerPool::rearm() {
     pthread_mutex_unlock(&shared->mutex);
 }
 
-int* WorkerPool::takeAnswer(Listener::WorkerData* data) {
+int* WorkerPool::takeAnswer(Listener::WorkerData* data, bool* written) {
     pthread_mutex_lock(&shared->mutex);
     for (;;) {
         auto it = std::find_if(shared->answers.begin(), shared->answers.end(),
                                [data](const Answer& answer) { return answer.first == data; });
         if (it != shared->answers.end()) {
             int* answer = it->second;
+            const size_t index = static_cast<size_t>(it - shared->answers.begin());
+            if (written) *written = shared->answerWritten[index];
             shared->answers.erase(it);
+            shared->answerWritten.erase(shared->answerWritten.begin() + static_cast<std::ptrdiff_t>(index));
+            shared->published.store(shared->answers.size(), std::memory_order_relaxed);
             pthread_mutex_unlock(&shared->mutex);
             return answer;
         }
@@ -317,6 +421,10 @@ std::vector<Listener::WorkerData*> WorkerPool::withdraw() {
         shared->setBusy(index, false);
     }
     shared->stopping = true;
+    // Answers not written yet are left to the taker; one being written is
+    // published once its write has ended.
+    for (const Shared::Unwritten& waiting : shared->unwritten) shared->publish(waiting.data, waiting.answer, false);
+    shared->unwritten.clear();
     std::vector<size_t> asleep;
     asleep.swap(shared->asleep);
     pthread_mutex_unlock(&shared->mutex);

@@ -21,7 +21,11 @@ namespace internal {
  * A fixed number of long-lived threads that run listener calls, for one
  * connection (StompClient::useWorkerPool). The listen thread hands each
  * record to the pool; a free thread calls its listener and publishes the
- * answer, then wakes the listen thread through its eventfd.
+ * answer, then wakes the listen thread through its eventfd. Given a writer
+ * (writeWith()), the threads write the answers (ACK or NACK) themselves and
+ * publish them as written: the listen thread then only releases the records,
+ * on its next pass, and is woken for an answer only while it waits for one
+ * (armWake()) or when a write failed.
  *
  * Records handed with a lane (in-order delivery: the destination) run one
  * at a time and in the order handed: a lane's next record becomes ready
@@ -34,8 +38,9 @@ namespace internal {
  * not sleep; while calls are short (kPoolShortCallNs) and a thread is
  * awake, records wait for it instead of waking another, and nudge() (on
  * each pass of the listen thread) wakes one for a record that waited
- * kPoolNudgeMs; the listen thread's eventfd is written only for the first
- * answer since it last emptied it (rearm()); and a caller of takeAnswer()
+ * kPoolNudgeMs; the answers of a run of short calls are written together;
+ * the listen thread's eventfd is written only for the first answer it has
+ * to see since it last emptied it (rearm()); and a caller of takeAnswer()
  * is woken only while one waits.
  *
  * A record keeps the life it has with a thread of its own: the listen
@@ -49,6 +54,14 @@ class WorkerPool {
 public:
     /** A record and the listener's answer (a heap int, owned by the taker). */
     using Answer = std::pair<Listener::WorkerData*, int*>;
+
+    /** Writes the answers to calls (ACK or NACK) for the pool's threads; see writeWith(). */
+    class Writer {
+    public:
+        virtual ~Writer() {}
+        /** Writes the answers, in this order, in one write; false when the write failed. */
+        virtual bool write(const std::vector<Answer>& answers) = 0;
+    };
 
     /** Starts up to threads threads on stacks of stackSize bytes; wakeFd (or -1) is written once per answer. */
     WorkerPool(int threads, WorkerStacks& stacks, size_t stackSize, int wakeFd);
@@ -67,14 +80,40 @@ public:
     using Handed = std::pair<Listener::WorkerData*, const std::string*>;
     /** hand() for each, in this order, at the cost of one. */
     void handAll(const std::vector<Handed>& records);
-    /** Wakes sleeping threads for the records that have waited kPoolNudgeMs for the threads awake. */
+    /**
+     * Wakes sleeping threads for the records that have waited kPoolNudgeMs
+     * for the threads awake, and writes the answers that have waited as long
+     * for their thread's next call to end.
+     */
     void nudge();
+    /**
+     * From now on the threads write the answers to their calls with writer
+     * (null: they leave them to the taker, the default): those of a run of
+     * short calls together, once no record is ready (kPoolAnswersPerWrite at
+     * most), in the order the calls returned, one write at a time. An answer
+     * is published once written; one whose write failed, or that was not
+     * written when the pool was withdrawn from, is published unwritten.
+     */
+    void writeWith(Writer* writer);
     /** Moves the answers published since the last call into out. */
     void collect(std::vector<Answer>* out);
+    /** As collect(); the records whose answers were written go into written too. */
+    void collect(std::vector<Answer>* out, std::vector<Listener::WorkerData*>* written);
+    /**
+     * The caller is about to wait for a published answer (reading paused for
+     * a free thread): false when one is already published (no wait needed);
+     * else until disarm() the next answer wakes it, written or not.
+     */
+    bool armWake();
+    void disarm();
+    /** The answers published and not yet collected or taken (read without the mutex: may be a moment old). */
+    size_t published() const;
     /** The wake-up descriptor has been emptied: the next answer writes it again. */
     void rearm();
+    /** Whether the descriptor was written since the last rearm(): else there is nothing to empty. */
+    bool notifiedSinceRearm() const;
     /** The answer to data, once published: for a record marked done, whose answer follows at once. */
-    int* takeAnswer(Listener::WorkerData* data);
+    int* takeAnswer(Listener::WorkerData* data, bool* written = nullptr);
     /** No more calls start; the records handed but not started are given back (no call, no answer). */
     std::vector<Listener::WorkerData*> withdraw();
     /** Ends the threads: idle ones are joined, those still in a call left to the stacks. */

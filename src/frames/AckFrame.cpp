@@ -17,10 +17,15 @@ const std::string kMessageId = "message-id";
 
 bool AckFrame::piecesFor(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state,
                          AckPieces* out) {
+    return piecesFor(message, session->ackHeaderKey(), session->ackNamesSubscription(), state, out);
+}
+
+bool AckFrame::piecesFor(const ServerFrame* message, const std::string& ackKey, bool withSubscription,
+                         AckFrame::AcknowledgeState state, AckPieces* out) {
     const HeaderMap& headers = message->headers();
     out->command = (state == 1) ? &kNack : &kAck;
     out->subscription = nullptr;
-    if (session->ackNamesSubscription()) {
+    if (withSubscription) {
         const auto subscription = headers.find(AckPieces::subscriptionName());
         if (subscription == headers.end()) return false;
         out->subscription = &subscription->second;
@@ -28,7 +33,7 @@ bool AckFrame::piecesFor(const ServerFrame* message, const Session* session, Ack
     const auto id = headers.find(kMessageId);
     if (id == headers.end()) return false;
     out->id = &id->second;
-    out->key = session->ackHeaderKey();
+    out->key = ackKey;
     return true;
 }
 

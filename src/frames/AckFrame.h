@@ -62,6 +62,9 @@ public:
      */
     static bool piecesFor(const ServerFrame* message, const Session* session, AckFrame::AcknowledgeState state,
                           AckPieces* out);
+    /** As above, with what it needs of the session: its ackHeaderKey() and ackNamesSubscription(). */
+    static bool piecesFor(const ServerFrame* message, const std::string& ackKey, bool withSubscription,
+                          AckFrame::AcknowledgeState state, AckPieces* out);
 };
 
 } // namespace internal

@@ -48,6 +48,7 @@ StompConnection::StompConnection()
       remoteAddress(nullptr),
       remoteHost(nullptr),
       connected(false),
+      connections(0),
       savedTimeout(0),
       savedNonBlock(0),
       mutex(nullptr),
@@ -268,6 +269,7 @@ apr_status_t StompConnection::connect(char const* host, int port, long long* tim
         return rc;
     }
     if (tracking) lastSendNs = lastReceiveNs = nowNs();
+    ++connections;
     connected = true;
     return APR_SUCCESS;
 }
@@ -363,10 +365,11 @@ apr_status_t StompConnection::writeFrames(ClientFrame* const* frames, size_t fra
     return sendJoined(pieces.at, count, timeout);
 }
 
-apr_status_t StompConnection::writeAcks(const AckPieces* acks, size_t ackCount, long long* timeout) {
+apr_status_t StompConnection::writeAcks(const AckPieces* acks, size_t ackCount, long long* timeout,
+                                        unsigned onConnection) {
     Lock lock(mutex);
     if (lock.status() != APR_SUCCESS) return lock.status();
-    if (!connected) return APR_ENOSOCKET;
+    if (!connected || (onConnection != 0 && onConnection != connections.load())) return APR_ENOSOCKET;
 
     // The bytes of the frames AckFrame makes, without making them.
     Pieces pieces(ackCount * (4 * 2 + 4));

@@ -122,8 +122,16 @@ public:
      */
     apr_status_t writeFrames(ClientFrame* const* frames, size_t frameCount, long long* timeout);
 
-    /** As writeFrames() with the ACK and NACK frames of acks (AckFrame::piecesFor), without making them. */
-    apr_status_t writeAcks(const AckPieces* acks, size_t ackCount, long long* timeout);
+    /**
+     * As writeFrames() with the ACK and NACK frames of acks
+     * (AckFrame::piecesFor), without making them. With onConnection (not 0)
+     * only on that connection (connectionNumber()): APR_ENOSOCKET once
+     * another has been made.
+     */
+    apr_status_t writeAcks(const AckPieces* acks, size_t ackCount, long long* timeout, unsigned onConnection = 0);
+
+    /** Counts the connections made: the one standing (or the last) is this one. Safe from any thread. */
+    unsigned connectionNumber() const { return connections.load(); }
 
     /** Writes one LF. A failure to send is ignored; the result is that of restoring the time-out. */
     apr_status_t sendHeartbeat(long long* timeout);
@@ -221,7 +229,8 @@ private:
     char* localIp;
     apr_sockaddr_t* remoteAddress;
     char* remoteHost;
-    std::atomic<bool> connected; // read without the mutex by isConnected()
+    std::atomic<bool> connected;       // read without the mutex by isConnected()
+    std::atomic<unsigned> connections; // connections made; changed with the mutex held
     apr_interval_time_t savedTimeout;
     apr_int32_t savedNonBlock;
     apr_thread_mutex_t* mutex;

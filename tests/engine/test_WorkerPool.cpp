@@ -107,6 +107,41 @@ TEST_F(WorkerPool, ManyMessagesAreEachHandledAndAcknowledgedOnceOnThePoolsThread
     EXPECT_LE(listener.threadsUsed(), 4u);
 }
 
+// Returns at once, except for the message "slow", which waits until released (10 s at most).
+class FastThenSlowListener : public tavren::Listener {
+public:
+    int onMessage(kelvra::SharedPtr<tavren::Message> message) override {
+        if (std::string(message->text()) != "slow") return 0;
+        entered = true;
+        released.wait_for(std::chrono::seconds(10));
+        return 0;
+    }
+    std::atomic<bool> entered{false};
+    std::promise<void> release;
+    std::shared_future<void> released{release.get_future().share()};
+};
+
+TEST_F(WorkerPool, AnAnswerHeldForTheNextCallIsWrittenWhileThatCallTurnsLong) {
+    // The pool's thread writes the answers of a run of short calls together
+    // once it has no next record; here its next call does not return, and
+    // the answer before it must not wait for that call.
+    makeClient().useWorkerPool(1);
+    connect();
+    FastThenSlowListener listener;
+    listen("orders", &listener);
+    const std::string nul(1, '\0');
+    // Both in one write, so that both are read, and handed, together.
+    ASSERT_TRUE(broker.sendRaw("MESSAGE\ndestination:/queue/orders\nmessage-id:fast\nack:fast\n\nfast" + nul +
+                               "MESSAGE\ndestination:/queue/orders\nmessage-id:slow\nack:slow\n\nslow" + nul));
+    ASSERT_TRUE(broker.waitFor([&] { return listener.entered.load(); }, 5000));
+    ASSERT_TRUE(broker.waitForFrames("ACK", 1, 5000));
+    EXPECT_EQ(acknowledged(), std::set<std::string>({"fast"}));
+    EXPECT_EQ(sent("ACK").size(), 1u);
+    listener.release.set_value();
+    ASSERT_TRUE(broker.waitForFrames("ACK", 2, 5000));
+    EXPECT_EQ(log.countStartingWith("ERROR: "), 0u);
+}
+
 TEST_F(WorkerPool, AListenerThatThrowsIsAnsweredWithANackAndThePoolGoesOn) {
     makeClient().useWorkerPool(1);
     connect();

@@ -2,6 +2,8 @@
 // Connecting, writing and disconnecting, checked byte for byte at a raw peer.
 #include "transport/StompConnection.h"
 
+#include "frames/AckFrame.h"
+
 #include "support/Bytes.h"
 #include "support/ConnectedPeer.h"
 #include "support/Emulation.h"
@@ -196,6 +198,25 @@ TEST(Connection, ConnectOnAConnectedObjectClosesTheOldSocketFirst) {
     TestFrame frame("X");
     ASSERT_EQ(0, connection.write(&frame, nullptr));
     EXPECT_EQ(bytes("X\n\n\0\n"), second.receive(5));
+}
+
+TEST(Connection, AcksMeantForAnEarlierConnectionAreNotWrittenOnTheNext) {
+    LoopbackPeer first;
+    LoopbackPeer second;
+    StompConnection connection;
+    ASSERT_EQ(0, connection.connect("127.0.0.1", first.port(), nullptr, nullptr));
+    ASSERT_TRUE(first.accept());
+    const unsigned firstNumber = connection.connectionNumber();
+    ASSERT_EQ(0, connection.connect("127.0.0.1", second.port(), nullptr, nullptr));
+    ASSERT_TRUE(second.accept());
+    EXPECT_EQ(connection.connectionNumber(), firstNumber + 1);
+
+    const std::string command = "ACK", id = "m-1";
+    tavren::internal::AckPieces ack{&command, "id", &id, nullptr};
+    EXPECT_EQ(APR_ENOSOCKET, connection.writeAcks(&ack, 1, nullptr, firstNumber));
+    EXPECT_EQ("", second.receiveAvailable(100)) << "nothing written for the earlier connection";
+    ASSERT_EQ(0, connection.writeAcks(&ack, 1, nullptr, connection.connectionNumber()));
+    EXPECT_EQ(bytes("ACK\nid:m-1\n\n\0\n"), second.receive(14));
 }
 
 TEST(Connection, FailedReconnectLeavesTheObjectDisconnected) {
