@@ -15,16 +15,10 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 dir=$(realpath -m "${1:-$root/build-abi}")
 work=$(mktemp -d /tmp/tavren-check-old-apps.XXXXXX)
-broker_pid=
-
-cleanup() {
-  if [ -n "$broker_pid" ]; then kill "$broker_pid" 2>/dev/null || true; wait "$broker_pid" 2>/dev/null || true; fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
 
 # shellcheck source=brokers/stand-in.sh
 source "$root/scripts/brokers/stand-in.sh"
+trap stop_stand_in_broker EXIT
 
 fail() { echo "check-old-apps: $*" >&2; exit 1; }
 

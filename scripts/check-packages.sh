@@ -11,22 +11,20 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d /tmp/tavren-check-packages.XXXXXX)
 start=$SECONDS
-broker_pid=
 installed_here=0
 packages=(libtavren1 libtavren-dev tavren-tools)
 
+# shellcheck source=brokers/stand-in.sh
+source "$root/scripts/brokers/stand-in.sh"
+
 cleanup() {
-  if [ -n "$broker_pid" ]; then kill "$broker_pid" 2>/dev/null || true; wait "$broker_pid" 2>/dev/null || true; fi
   if [ "$installed_here" = 1 ]; then
     echo "== Removing the packages"
     DEBIAN_FRONTEND=noninteractive apt-get remove -y -qq --purge "${packages[@]}" >/dev/null || true
   fi
-  rm -rf "$work"
+  stop_stand_in_broker
 }
 trap cleanup EXIT
-
-# shellcheck source=brokers/stand-in.sh
-source "$root/scripts/brokers/stand-in.sh"
 
 fail() { echo "check-packages: $*" >&2; exit 1; }
 

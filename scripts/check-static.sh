@@ -14,16 +14,10 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 dir=$(realpath -m "${1:-$root/build-static}")
 work=$(mktemp -d /tmp/tavren-check-static.XXXXXX)
 start=$SECONDS
-broker_pid=
-
-cleanup() {
-  if [ -n "$broker_pid" ]; then kill "$broker_pid" 2>/dev/null || true; wait "$broker_pid" 2>/dev/null || true; fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
 
 # shellcheck source=brokers/stand-in.sh
 source "$root/scripts/brokers/stand-in.sh"
+trap stop_stand_in_broker EXIT
 
 fail() { echo "check-static: $*" >&2; exit 1; }
 
