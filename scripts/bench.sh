@@ -76,7 +76,7 @@ source "$root/scripts/brokers/for-tests.sh"
 start_brokers rabbitmq activemq
 
 quick=0
-for v in BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS; do
+for v in BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS BENCH_CLIENTS; do
   [ -n "${!v:-}" ] && quick=1
 done
 if [ -z "${BENCH_OUT+set}" ]; then
@@ -87,8 +87,8 @@ if [ -z "${BENCH_LIB_DESC:-}" ] && git -C "$tree" rev-parse HEAD >/dev/null 2>&1
   git -C "$tree" diff --quiet HEAD -- src include CMakeLists.txt || BENCH_LIB_DESC+=" with uncommitted changes"
 fi
 command="scripts/bench.sh"
-for v in BENCH_TREE BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS; do
-  [ -n "${!v:-}" ] && command="$v=${!v} $command"
+for v in BENCH_TREE BENCH_REPS BENCH_N BENCH_BACKLOG_N BENCH_RT BENCH_ONLY BENCH_ACKDELAY_RATE BENCH_BACKLOG_CLIENTS BENCH_CLIENTS; do
+  [ -n "${!v:-}" ] && command="$v=$(printf %q "${!v}") $command"
 done
 command=${BENCH_COMMAND:-$command}
 

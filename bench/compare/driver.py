@@ -12,6 +12,7 @@ also run the floor client with FLOOR_BATCH=1 (one frame per write) as
 Environment: BENCH_REPS (3), BENCH_N (20000), BENCH_BACKLOG_N (100000),
 BENCH_RT (1000), BENCH_ONLY=workload,... (send, send-discard, receive,
 roundtrip, ackdelay, footprint, backlog), BENCH_BACKLOG_CLIENTS (floor,libtavren),
+BENCH_CLIENTS (every client; e.g. "floor,libtavren pool(4),stompjs"),
 BENCH_ACKDELAY_RATE (messages per second of the stream, 1000),
 BENCH_OUT (folder for docs; empty: print only), BENCH_NODE_MODULES (the
 node_modules folder with @stomp/stompjs and @stomp/tcp-wrapper; scripts/bench.sh
@@ -56,6 +57,14 @@ CLIENT_ENV = {FLOOR1: {"FLOOR_BATCH": "1"},
               POOL4_ORDERED: {"BENCH_TAVREN_POOL": "4", "BENCH_TAVREN_ORDERED": "1"}}
 OTHERS = ["stomp.py", "Net::Stomp", "ruby-stomp", "stompjs"]
 BACKLOG_CLIENTS = [c for c in os.environ.get("BENCH_BACKLOG_CLIENTS", "floor,libtavren").split(",") if c]
+# BENCH_CLIENTS=name,...: only these clients (all by default), for a longer run of a few.
+CHOSEN = [c for c in os.environ.get("BENCH_CLIENTS", "").split(",") if c]
+if CHOSEN:
+    for c in CHOSEN:
+        if c not in CLIENTS + SEND_CLIENTS:
+            sys.exit("unknown client %s (BENCH_CLIENTS)" % c)
+    CLIENTS = [c for c in CLIENTS if c in CHOSEN]
+    SEND_CLIENTS = [c for c in SEND_CLIENTS if c in CHOSEN]
 BROKERS = {"rabbitmq": int(os.environ.get("TAVREN_RABBITMQ_PORT", "61623")),
            "activemq": int(os.environ.get("TAVREN_ACTIVEMQ_PORT", "61633"))}
 BROKER_NAMES = {"rabbitmq": "RabbitMQ", "activemq": "ActiveMQ", "discard": "discard server"}
