@@ -475,6 +475,8 @@ def run_footprint(broker, rep):
 # ---------------------------------------------------------------- the run
 
 def rotated(items, k):
+    if not items:  # BENCH_CLIENTS chose none of them
+        return items
     k %= len(items)
     return items[k:] + items[:k]
 
