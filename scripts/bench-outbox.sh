@@ -19,7 +19,7 @@ reps=${BENCH_REPS:-3}
 out=${BENCH_OUT:-$root/docs}
 
 "$root/scripts/install-deps.sh" strace
-if [ ! -f "$build/CMakeCache.txt" ] || ! find "$build" -name 'libtavren.so' | grep -q .; then
+if [ ! -f "$build/CMakeCache.txt" ] || ! find "$build" -name 'libtavren.so' | grep . >/dev/null; then
   mkdir -p "$build"
   "$root/scripts/build.sh" "$build" -DCMAKE_BUILD_TYPE=Release -DTAVREN_BUILD_TESTS=OFF \
     -DTAVREN_BUILD_BENCH=OFF -DTAVREN_BUILD_EXAMPLES=OFF > "$build/build-outbox.log" 2>&1 \

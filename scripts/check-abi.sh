@@ -28,7 +28,7 @@ if [ $# -eq 0 ]; then
 fi
 library=$(find "$dir/src" -maxdepth 1 -type f -name 'libtavren.so.*.*.*' | sort | tail -1)
 [ -n "$library" ] || { echo "check-abi: no shared libtavren in $dir/src" >&2; exit 1; }
-readelf -S "$library" | grep -q '\.debug_info' ||
+readelf -S "$library" | grep '\.debug_info' >/dev/null ||
   { echo "check-abi: $library has no debug information (build with RelWithDebInfo or Debug)" >&2; exit 1; }
 soname=$(readelf -d "$library" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')
 version=${library##*/libtavren.so.}

@@ -155,7 +155,7 @@ start() {
     done
   fi
   wait_for_cluster 120
-  if ! ctl_node 1 list_vhosts name 2>/dev/null | grep -qx "$vhost"; then
+  if ! ctl_node 1 list_vhosts name 2>/dev/null | grep -x "$vhost" >/dev/null; then
     ctl_node 1 add_vhost "$vhost" --default-queue-type quorum >/dev/null
     ctl_node 1 set_permissions -p "$vhost" guest ".*" ".*" ".*" >/dev/null
     log "virtual host $vhost made, its default queue type quorum"

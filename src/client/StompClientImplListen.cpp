@@ -283,9 +283,14 @@ bool StompClientImpl::ListenLoop::full() const {
     // In order, messages wait in their destination's queue; only a broker
     // that sends beyond the bound it was asked for fills one.
     if (pool) {
-        // A lane holds its call and the messages waiting behind it.
+        // A lane holds its call and the messages waiting behind it. Counted
+        // here, a call leaves its lane only once its answer is collected;
+        // the pool's thread writes the ACK before that, and the broker may
+        // already have sent the message that takes its place. So a count
+        // over the bound is checked with the pool, which counts a call out
+        // as soon as it returns.
         for (const auto& lane : inLane) {
-            if (lane.second > kOrderedPrefetch) return true;
+            if (lane.second > kOrderedPrefetch) return pool->longestLane() > kOrderedPrefetch;
         }
         return false;
     }

@@ -356,6 +356,14 @@ void WorkerPool::collect(std::vector<Answer>* out, std::vector<Listener::WorkerD
 
 size_t WorkerPool::published() const { return shared->published.load(std::memory_order_relaxed); }
 
+size_t WorkerPool::longestLane() const {
+    pthread_mutex_lock(&shared->mutex);
+    size_t longest = 0;
+    for (const auto& lane : shared->lanes) longest = std::max(longest, lane.second.waiting.size() + 1);
+    pthread_mutex_unlock(&shared->mutex);
+    return longest;
+}
+
 bool WorkerPool::armWake() {
     pthread_mutex_lock(&shared->mutex);
     const bool wait = shared->answers.empty();

@@ -108,6 +108,9 @@ public:
     void disarm();
     /** The answers published and not yet collected or taken (read without the mutex: may be a moment old). */
     size_t published() const;
+    /** The records of the longest lane whose calls have not returned: the one ready or in a call, and those behind it.
+     */
+    size_t longestLane() const;
     /** The wake-up descriptor has been emptied: the next answer writes it again. */
     void rearm();
     /** Whether the descriptor was written since the last rearm(): else there is nothing to empty. */

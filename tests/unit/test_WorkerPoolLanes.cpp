@@ -17,7 +17,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -170,6 +172,68 @@ TEST_F(WorkerPoolLanes, WithdrawGivesBackWhatWaitsInLanesAndWhatIsReady) {
     listener.openGate();
     ASSERT_TRUE(collectUntil(1)); // the call that ran is still answered
     EXPECT_EQ(listener.received(), (std::vector<std::string>{"a0"}));
+}
+
+// Writes nothing: each write waits until the gate opens, and is counted.
+class GatedWriter : public WorkerPool::Writer {
+public:
+    bool write(const std::vector<WorkerPool::Answer>& answers) override {
+        std::unique_lock<std::mutex> lock(mutex);
+        writing += answers.size();
+        changed.notify_all();
+        changed.wait(lock, [this] { return open; });
+        return true;
+    }
+    bool waitWriting(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return writing >= count; });
+    }
+    void openGate() {
+        std::lock_guard<std::mutex> lock(mutex);
+        open = true;
+        changed.notify_all();
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    size_t writing = 0;
+    bool open = false;
+};
+
+TEST_F(WorkerPoolLanes, ALaneCountsACallOutOnceItReturnsThoughItsAnswerIsStillBeingWritten) {
+    ASSERT_TRUE(start(2));
+    GatedWriter writer;
+    pool->writeWith(&writer);
+    // Whatever fails, the writes end before the writer does.
+    struct Release {
+        GatedWriter& writer;
+        WorkerPool& pool;
+        ~Release() {
+            writer.openGate();
+            pool.stop();
+        }
+    } release{writer, *pool};
+    ConcurrencyListener listener;
+    listener.closeGate();
+    const std::string a = "/queue/a";
+    pool->handAll({{record(&listener, "a0"), &a}, {record(&listener, "a1"), &a}, {record(&listener, "a2"), &a}});
+    ASSERT_TRUE(listener.waitEntered(1));
+    EXPECT_EQ(pool->longestLane(), 3u); // the call and the two behind it
+    listener.openGate();
+    // Every call returns (the next of the lane waits for the thread that is
+    // writing, until a nudge gives it the other); a thread is still writing
+    // an answer, and the others wait for it: the broker may have the first,
+    // and may send the message that takes its place.
+    for (int waited = 0; !listener.waitFinished(3, 1); ++waited) {
+        ASSERT_LT(waited, 10000);
+        pool->nudge();
+    }
+    ASSERT_TRUE(writer.waitWriting(1));
+    EXPECT_EQ(pool->longestLane(), 0u);
+    EXPECT_EQ(pool->published(), 0u);
+    writer.openGate();
+    ASSERT_TRUE(collectUntil(3));
 }
 
 TEST_F(WorkerPoolLanes, TheListenThreadIsWrittenOnceUntilItRearms) {
