@@ -23,8 +23,17 @@ inline bool underValgrind() {
     return preloaded && std::strstr(preloaded, "vgpreload");
 }
 
-/** True where every step takes far longer than on the machine itself: qemu-user or valgrind. */
-inline bool slowedDown() { return underEmulation() || underValgrind(); }
+/** Whether this build has AddressSanitizer or ThreadSanitizer, which make each step several times slower. */
+inline bool sanitized() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#else
+    return false;
+#endif
+}
+
+/** True where every step takes far longer than on the machine itself: qemu-user, valgrind or a sanitizer. */
+inline bool slowedDown() { return underEmulation() || underValgrind() || sanitized(); }
 
 } // namespace test
 } // namespace tavren

@@ -15,6 +15,7 @@
 #include <apr_errno.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -124,22 +125,26 @@ TEST_F(ConnectionWrite, WriteWithTimeoutEndsWhenThePeerDoesNotRead) {
 TEST_F(ConnectionWrite, WriteTimeOutCountsTimeWithoutProgressOnly) {
     // The peer reads the frame slowly, a chunk every 100 ms: far longer in
     // all than the time-out, which only bounds each wait for room. Under
-    // emulation or valgrind (two tests at once on two cores) a chunk can take
-    // longer to move than 0.4 s: the time-out is 2 s there, and the peer
-    // reads a chunk every 300 ms, 4.8 s in all.
+    // emulation, valgrind or a sanitizer (two tests at once on two cores) a
+    // chunk can take longer to move than 0.4 s: the time-out is 2 s there,
+    // and the peer reads a chunk every 300 ms, 4.8 s in all.
     const bool emulated = tavren::test::slowedDown();
     TestFrame frame("SEND");
     const std::string body(4 * 1024 * 1024, 'q');
     frame.body(body.c_str());
     apr_status_t rc = -1;
+    std::atomic<bool> writeEnded(false);
     std::thread writer([&] {
         long long timeout = emulated ? 2000000 : 400000;
         rc = connection.write(&frame, &timeout);
+        writeEnded = true;
     });
     size_t got = 0;
     const size_t total = body.size() + 8; // "SEND", LF, LF, the body, NUL, LF
     const auto start = std::chrono::steady_clock::now();
-    while (got < total && std::chrono::steady_clock::now() - start < std::chrono::seconds(60)) {
+    // A write that failed ends the reading too: the test fails at once.
+    while (got < total && !(writeEnded && rc != 0) &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(60)) {
         got += peer.receive(std::min<size_t>(256 * 1024, total - got)).size();
         std::this_thread::sleep_for(std::chrono::milliseconds(emulated ? 300 : 100));
     }
