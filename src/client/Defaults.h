@@ -71,6 +71,11 @@ const int kPoolNudgeMs = 2;
 // or this many wait: one write for a burst instead of one a message, and no
 // wake-up of the listen thread for it.
 const size_t kPoolAnswersPerWrite = 64;
+// Message records the listen thread keeps for the next messages once their
+// calls are over, instead of freeing them and allocating new ones (their
+// frames go back to the connection's reader, within its own bound): one
+// pool write's worth, a few kilobytes.
+const size_t kSpareRecords = 64;
 
 // Worker stacks kept mapped for reuse beyond those in use: twice the default
 // bound, so a raised bound still reuses most of them. At the default size

@@ -145,6 +145,7 @@ private:
     bool answerFor(const Worker& worker, AckPieces* out);
     std::string failureLine(const Worker& worker) const;
     void release(Worker& worker);
+    Listener::WorkerData* newRecord();
     /** Empties the wake-up descriptor; on the pool only when it was written (or force). */
     void drainWakeUps(bool force = false);
 
@@ -177,6 +178,9 @@ private:
     std::vector<Listener::WorkerData*> writtenRecords; // scratch for collecting
     std::vector<WorkerPool::Answer> answers;           // scratch for collecting
     std::vector<WorkerPool::Handed> toHand;            // the messages of a pass, for the pool
+    // Records released, used again for the next messages (their frames go
+    // back to the connection's reader): kSpareRecords at most.
+    std::vector<Listener::WorkerData*> spareRecords;
     // With enableOrderedDelivery on a thread per message: the messages of each
     // destination waiting for its running call, in the broker's order, and
     // the destinations with one.
@@ -220,6 +224,7 @@ StompClientImpl::ListenLoop::~ListenLoop() {
     // Every worker has been joined or abandoned by now, and an abandoned one
     // does not write to the descriptor; nor does a stopped pool.
     pool.reset();
+    for (Listener::WorkerData* data : spareRecords) delete data;
     for (auto& waitingOfOne : inOrder) {
         for (Listener::WorkerData* data : waitingOfOne.second) delete data;
     }
@@ -424,7 +429,7 @@ void StompClientImpl::ListenLoop::dispatchMessage(ServerFrame* frame) {
     if (!listener) return; // nobody listens: dropped, not acknowledged
     engine->calm.messageCame();
 
-    Listener::WorkerData* data = new Listener::WorkerData();
+    Listener::WorkerData* data = newRecord();
     data->listener = listener;
     data->frame.reset(message.release());
     data->wakeFd = wakeFd;
@@ -826,9 +831,29 @@ apr_status_t StompClientImpl::ListenLoop::acknowledge(const Worker& worker) {
 
 void StompClientImpl::ListenLoop::release(Worker& worker) {
     delete worker.exitValue;
-    delete worker.data;
+    Listener::WorkerData* data = worker.data;
     worker.exitValue = nullptr;
     worker.data = nullptr;
+    if (!data) return;
+    // Nothing refers to the record or its frame any more: both are filled
+    // again for the next messages instead of freed.
+    engine->connection->recycle(data->frame.release());
+    if (spareRecords.size() < kSpareRecords) {
+        spareRecords.push_back(data);
+    } else {
+        delete data;
+    }
+}
+
+Listener::WorkerData* StompClientImpl::ListenLoop::newRecord() {
+    if (spareRecords.empty()) return new Listener::WorkerData();
+    Listener::WorkerData* data = spareRecords.back();
+    spareRecords.pop_back();
+    data->listener = nullptr;
+    data->done = false;
+    data->abandoned = false;
+    data->wakeFd = -1;
+    return data;
 }
 
 } // namespace internal

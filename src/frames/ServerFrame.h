@@ -4,6 +4,8 @@
 
 #include "frames/StompFrame.h"
 
+#include <cstddef>
+
 namespace tavren {
 namespace internal {
 
@@ -17,6 +19,11 @@ public:
     virtual ~ServerFrame();
     ServerFrame(const ServerFrame&) = delete;
     ServerFrame& operator=(const ServerFrame&) = delete;
+
+private:
+    friend class FrameParser;
+    friend class SpareFrames;
+    size_t bodyCapacity_ = 0; // the size of the body's array, when known (0: its length + 1)
 };
 
 } // namespace internal

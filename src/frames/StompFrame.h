@@ -11,6 +11,7 @@ namespace tavren {
 namespace internal {
 
 class FrameParser;
+class SpareFrames;
 
 /**
  * A STOMP frame: a command word, headers in bytewise name order, and an
@@ -30,6 +31,7 @@ public:
 protected:
     // Subclasses and the frame reader fill these directly.
     friend class FrameParser;
+    friend class SpareFrames;
     std::string command_;
     HeaderMap headers_;
     char const* body_;

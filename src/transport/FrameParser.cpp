@@ -34,7 +34,9 @@ FrameParser::FrameParser()
       bodyCapacity(0),
       bodyExpected(0),
       maxLine(0),
-      maxBody(0) {}
+      maxBody(0),
+      spareBody(nullptr),
+      spareBodyCapacity(0) {}
 
 void FrameParser::setLimits(size_t maxLineBytes, size_t maxBodyBytes) {
     maxLine = maxLineBytes;
@@ -51,7 +53,47 @@ void FrameParser::reset() {
     body = nullptr;
     bodySize = bodyCapacity = bodyExpected = 0;
     state = COMMAND;
+    stale.clear();
+    dropSpareBody();
     releaseScratch();
+}
+
+void FrameParser::dropSpareBody() {
+    delete[] spareBody;
+    spareBody = nullptr;
+    spareBodyCapacity = 0;
+}
+
+// A frame given back if there is one, its headers moved to stale and its
+// body array kept for this frame's body; else a new one.
+ServerFrame* FrameParser::startFrame() {
+    ServerFrame* started = spares.take();
+    if (!started) return new ServerFrame();
+    stale.swap(started->headers_); // stale is empty between frames
+    if (started->bodyCapacity_) {
+        spareBody = const_cast<char*>(started->body_);
+        spareBodyCapacity = started->bodyCapacity_;
+    } else {
+        delete[] started->body_;
+    }
+    started->body_ = nullptr;
+    started->bodyCapacity_ = 0;
+    return started;
+}
+
+// An array of at least size bytes for the body (its size in bodyCapacity):
+// the spare one when it is large enough.
+char* FrameParser::bodyArray(size_t size) {
+    if (spareBody && spareBodyCapacity >= size) {
+        char* array = spareBody;
+        bodyCapacity = spareBodyCapacity;
+        spareBody = nullptr;
+        spareBodyCapacity = 0;
+        return array;
+    }
+    char* array = new char[size];
+    bodyCapacity = size;
+    return array;
 }
 
 void FrameParser::releaseScratch() {
@@ -136,7 +178,7 @@ FrameParser::Result FrameParser::endOfLine(const char* text, size_t size) {
             heartbeat = true;
             return COMPLETE;
         }
-        frame = new ServerFrame();
+        frame = startFrame();
         frame->command_.assign(text, size);
         state = HEADERS;
         return INCOMPLETE;
@@ -152,6 +194,14 @@ FrameParser::Result FrameParser::endOfLine(const char* text, size_t size) {
     const HeaderMap::iterator at = headers.lower_bound(name);
     if (at != headers.end() && at->first == name) {
         at->second.assign(colon + 1, size - nameSize - 1);
+    } else if (!stale.empty()) {
+        // A node of the frame given back, the one of the same name if it
+        // had one: its strings keep their arrays.
+        HeaderMap::iterator same = stale.find(name);
+        HeaderMap::node_type node = stale.extract(same != stale.end() ? same : stale.begin());
+        if (same == stale.end()) node.key().assign(name);
+        node.mapped().assign(colon + 1, size - nameSize - 1);
+        headers.insert(at, std::move(node));
     } else {
         headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(std::move(name)),
                              std::forward_as_tuple(colon + 1, size - nameSize - 1));
@@ -160,6 +210,7 @@ FrameParser::Result FrameParser::endOfLine(const char* text, size_t size) {
 }
 
 FrameParser::Result FrameParser::endOfHeaders() {
+    stale.clear(); // the nodes this frame did not need
     HeaderMap::const_iterator length = frame->headers_.find("content-length");
     if (length == frame->headers_.end()) {
         state = BODY_TO_NUL;
@@ -174,8 +225,7 @@ FrameParser::Result FrameParser::endOfHeaders() {
     // A body announced past the limit is refused before any memory is taken
     // for it, and before any of its bytes.
     if (maxBody && bodyExpected > maxBody) return fail();
-    bodyCapacity = bodyExpected + 1 < kFirstBodyCapacity ? bodyExpected + 1 : kFirstBodyCapacity;
-    body = new char[bodyCapacity];
+    body = bodyArray(bodyExpected + 1 < kFirstBodyCapacity ? bodyExpected + 1 : kFirstBodyCapacity);
     state = bodyExpected ? BODY_SIZED : BODY_END;
     return INCOMPLETE;
 }
@@ -199,13 +249,12 @@ void FrameParser::appendBody(const char* data, size_t size) {
 }
 
 FrameParser::Result FrameParser::finishBody() {
-    if (!body) {
-        body = new char[1];
-        bodyCapacity = 1;
-    }
+    if (!body) body = bodyArray(1);
     body[bodySize] = '\0';
     frame->body_ = body;
+    frame->bodyCapacity_ = bodyCapacity;
     body = nullptr;
+    dropSpareBody();
     bodySize = bodyCapacity = bodyExpected = 0;
     state = COMMAND;
     releaseScratch();
@@ -244,9 +293,8 @@ FrameParser::Result FrameParser::parse(const char* data, size_t length, size_t* 
                 result = fail();
                 break;
             }
-            if (!body && nul) { // the whole body is here: one exact allocation
-                body = new char[take + 1];
-                bodyCapacity = take + 1;
+            if (!body && nul) { // the whole body is here: one exact allocation, or the spare array
+                body = bodyArray(take + 1);
                 std::memcpy(body, p, take);
                 bodySize = take;
             } else {

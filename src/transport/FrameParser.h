@@ -3,6 +3,7 @@
 #define TAVREN_INTERNAL_FRAMEPARSER_H
 
 #include "frames/ServerFrame.h"
+#include "frames/SpareFrames.h"
 
 #include <cstddef>
 #include <string>
@@ -46,7 +47,8 @@ namespace internal {
  * With limits, no memory is taken past them: the pieces of a line grow to
  * maxLine bytes at most, a body's array to maxBody + 1 (its NUL), so a
  * broker that sends an endless line or body, or announces gigabytes, costs
- * the limits and no more. Without limits the only extra work is a
+ * the limits and no more. Frames given back (recycle()) are kept within the
+ * bounds of SpareFrames. Without limits the only extra work is a
  * comparison or two per line and per piece of body.
  */
 class FrameParser {
@@ -86,6 +88,12 @@ public:
     void reset();
 
     /**
+     * Takes back a frame taken from this parser once its reader is done
+     * with it: the next frames are filled into it (SpareFrames). Any thread.
+     */
+    void recycle(ServerFrame* done) { spares.give(done); }
+
+    /**
      * Bounds what a frame may hold: a line (command or header, without its
      * line feed) longer than maxLineBytes, or a body longer than
      * maxBodyBytes, is MALFORMED as soon as the limit is passed; a
@@ -107,6 +115,9 @@ private:
     Result fail();
     void reserveLine(size_t size);
     void releaseScratch();
+    ServerFrame* startFrame();
+    char* bodyArray(size_t size);
+    void dropSpareBody();
 
     State state;
     ServerFrame* frame;  // the frame being read, null between frames
@@ -118,6 +129,10 @@ private:
     size_t bodyExpected; // for a sized body: its length
     size_t maxLine;      // the longest line accepted, 0 for any
     size_t maxBody;      // the longest body accepted, 0 for any
+    SpareFrames spares;  // frames given back, filled again
+    HeaderMap stale;     // the headers a given-back frame had: their nodes take the new ones
+    char* spareBody;     // the body array a given-back frame had, until used or freed
+    size_t spareBodyCapacity;
 };
 
 } // namespace internal

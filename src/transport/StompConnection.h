@@ -70,6 +70,9 @@ public:
      */
     void useTls(const tavren::TlsOptions& options);
 
+    /** Takes back a frame read from this connection once its reader is done with it (see FrameParser::recycle). */
+    void recycle(ServerFrame* frame) { parser.recycle(frame); }
+
     /** Bounds the lines and bodies of frames read from now on (see FrameParser::setLimits). */
     void setFrameLimits(size_t maxLineBytes, size_t maxBodyBytes) { parser.setLimits(maxLineBytes, maxBodyBytes); }
 
