@@ -5,7 +5,12 @@
 # heart-beats on, send and receive 100 messages a second for MINUTES
 # (default 5) while a random node is killed with SIGKILL every
 # TAVREN_FIELD_KILL_SECONDS (default 90; the first half that in) and started
-# again. It prints one summary line: sent, confirmed, received, duplicates,
+# again. Run as root, both clients reach the nodes through a bad link (relays
+# in a network namespace behind a veth pair that loses
+# TAVREN_FIELD_LOSS_PERCENT, default 2, of its packets each way and goes down
+# for 15 s every TAVREN_FIELD_OUTAGE_SECONDS, default 240); without root they
+# use loopback and the summary says so.
+# It prints one summary line: sent, confirmed, received, duplicates,
 # lost (must be 0), reconnects, the worst recovery time (from a kill to the
 # next confirmed and the next received message) and the process's resident
 # memory and threads at the start, after the first minute and at the end.
@@ -22,6 +27,8 @@
 #   TAVREN_FIELD_BUILD_DIR     build folder (default build-field/); an existing,
 #                              configured one (build-test-plain/, say) is reused as it is
 #   TAVREN_FIELD_KILL_SECONDS  seconds between node crashes (default 90)
+#   TAVREN_FIELD_LOSS_PERCENT  packets lost at random each way on the bad link (default 2; 0 for none)
+#   TAVREN_FIELD_OUTAGE_SECONDS  seconds between the bad link's 15 s outages (default 240; 0 for none)
 #   TAVREN_BUILD_JOBS          parallel compile jobs (default 2)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -8,10 +8,15 @@
 //
 // ClusterSoak runs the same for TAVREN_FIELD_SOAK_SECONDS, killing a random
 // node every TAVREN_FIELD_KILL_SECONDS (scripts/field-soak.sh), and skips
-// itself without them.
+// itself without them. As root it also takes both clients through a bad
+// link: relays inside a network namespace, behind a veth pair that loses
+// TAVREN_FIELD_LOSS_PERCENT of its packets each way and goes down for 15 s
+// every TAVREN_FIELD_OUTAGE_SECONDS.
 
 #include "support/CapturingLogger.h"
 #include "support/RealCluster.h"
+#include "support/RecordingRelay.h"
+#include "support/TestNetwork.h"
 #include "support/Watchdog.h"
 
 #include <kelvra/utility/Uuid.h>
@@ -29,9 +34,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -51,15 +58,20 @@ long msSince(Clock::time_point start) {
     return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
 }
 
-/** A logger that also knows the node of the connection that stands, from "Trying the broker" and "Connected.". */
+/**
+ * A logger that also knows the node of the connection that stands, from
+ * "Trying the broker HOST:PORT." and "Connected.", with nodeOf telling the
+ * node behind a port (set before the client logs).
+ */
 class NodeTrackingLogger : public CapturingLogger {
 public:
     void logInfo(const std::string& message) override {
         CapturingLogger::logInfo(message);
-        static const std::string trying = "Trying the broker 127.0.0.1:";
+        static const std::string trying = "Trying the broker ";
         std::lock_guard<std::mutex> lock(mutex);
         if (message.compare(0, trying.size(), trying) == 0) {
-            tried = RealCluster::nodeOfPort(std::atoi(message.c_str() + trying.size()));
+            const size_t colon = message.rfind(':');
+            tried = colon == std::string::npos ? 0 : nodeOf(std::atoi(message.c_str() + colon + 1));
         } else if (message == "Connected.") {
             current = tried;
             ++connections;
@@ -74,6 +86,8 @@ public:
         return connections;
     }
 
+    std::function<int(int)> nodeOf = RealCluster::nodeOfPort;
+
 private:
     mutable std::mutex mutex;
     int tried = 0;
@@ -81,12 +95,12 @@ private:
     int connections = 0;
 };
 
-/** A message's number (its body), tavren-id and when it came. */
+/** A message's number (its body), tavren-id (hashed: only compared) and when it came. */
 struct Arrival {
     int number;
-    std::string id;
-    Clock::time_point at;
     bool redelivered; // the broker's "redelivered:true": handed out before, to a connection now gone
+    std::uint64_t id;
+    Clock::time_point at;
 };
 
 class ArrivalListener : public Listener {
@@ -96,9 +110,15 @@ public:
         auto id = headers.find("tavren-id");
         auto redelivered = headers.find("redelivered");
         const int number = std::atoi(message->text());
+        const Arrival arrival{number, redelivered != headers.end() && redelivered->second == "true",
+                              std::hash<std::string>()(id == headers.end() ? "" : id->second), Clock::now()};
         std::lock_guard<std::mutex> lock(mutex);
-        arrivals.push_back(Arrival{number, id == headers.end() ? "" : id->second, Clock::now(),
-                                   redelivered != headers.end() && redelivered->second == "true"});
+        if (used < arrivals.size()) {
+            arrivals[used] = arrival;
+        } else {
+            arrivals.push_back(arrival);
+        }
+        ++used;
         if (number >= 0) {
             if (static_cast<size_t>(number) >= seen.size()) seen.resize(static_cast<size_t>(number) * 2 + 1024, 0);
             if (!seen[static_cast<size_t>(number)]) {
@@ -108,6 +128,15 @@ public:
         }
         return 0;
     }
+    /**
+     * Makes room for count arrivals and touches it, so that the record does
+     * not grow the process while it fills: what grows then is the clients.
+     */
+    void expect(size_t count) {
+        std::lock_guard<std::mutex> lock(mutex);
+        arrivals.resize(std::max(arrivals.size(), count), Arrival{-1, false, 0, Clock::time_point()});
+        seen.resize(std::max(seen.size(), count), 0);
+    }
     /** The distinct numbers received so far, without copying the record of arrivals. */
     int distinct() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -115,15 +144,16 @@ public:
     }
     std::vector<Arrival> all() {
         std::lock_guard<std::mutex> lock(mutex);
-        return arrivals;
+        return std::vector<Arrival>(arrivals.begin(), arrivals.begin() + static_cast<std::ptrdiff_t>(used));
     }
     /** When a message numbered at least number first came after since; false while none has. */
     bool firstFrom(int number, Clock::time_point since, Clock::time_point* at) {
         std::lock_guard<std::mutex> lock(mutex);
-        for (auto it = arrivals.rbegin(); it != arrivals.rend() && it->at >= since; ++it) {
+        const auto end = arrivals.rend();
+        for (auto it = end - static_cast<std::ptrdiff_t>(used); it != end && it->at >= since; ++it) {
             if (it->number >= number) {
                 *at = it->at;
-                for (auto earlier = it; earlier != arrivals.rend() && earlier->at >= since; ++earlier) {
+                for (auto earlier = it; earlier != end && earlier->at >= since; ++earlier) {
                     if (earlier->number >= number) *at = earlier->at;
                 }
                 return true;
@@ -134,7 +164,8 @@ public:
 
 private:
     std::mutex mutex;
-    std::vector<Arrival> arrivals;
+    std::vector<Arrival> arrivals; // the first `used` are real, the rest room made by expect()
+    size_t used = 0;
     std::vector<char> seen; // by number: received at least once
     int distinctNumbers = 0;
 };
@@ -147,18 +178,72 @@ struct Recovery {
 };
 
 /**
+ * The three nodes reached through a bad link: a relay for each node listens
+ * inside a TestNetwork's namespace, so every byte of a client crosses the
+ * veth pair, which can lose packets and go down. Needs root; usable() is
+ * false otherwise, and problem() says why.
+ */
+class BadLink {
+public:
+    BadLink() {
+        if (::geteuid() != 0) {
+            why = "the bad link needs root (a network namespace, nftables)";
+            return;
+        }
+        if (!net.usable()) {
+            why = net.problem();
+            return;
+        }
+        for (int n = 1; n <= RealCluster::nodes; ++n) {
+            const int listener = net.listenInside();
+            if (listener < 0) {
+                why = net.problem();
+                return;
+            }
+            relays.emplace_back(new RecordingRelay(RealCluster::port(n), listener));
+            relays.back()->stopRecording();
+        }
+        ready = true;
+    }
+    bool usable() const { return ready; }
+    const std::string& problem() const { return why; }
+    const std::string& host() { return net.peerAddress(); }
+    int port(int node) const { return relays[static_cast<size_t>(node - 1)]->port(); }
+    int nodeOfPort(int port) const {
+        for (size_t i = 0; i < relays.size(); ++i) {
+            if (relays[i]->port() == port) return static_cast<int>(i) + 1;
+        }
+        return 0;
+    }
+
+    TestNetwork net;
+
+private:
+    std::vector<std::unique_ptr<RecordingRelay>> relays;
+    bool ready = false;
+    std::string why;
+};
+
+/**
  * A producer (file outbox) and a consumer (one worker, so its calls follow
  * the wire) on one fresh queue of the quorum virtual host, both with all
- * three nodes, the producer starting on node 1, the consumer on node 2.
+ * three nodes, the producer starting on node 1, the consumer on node 2;
+ * through link when it is given, else on loopback. expected is how many
+ * arrivals the record makes room for at the start.
  */
 class ClusterRun {
 public:
     static constexpr int reconnectPeriodMs = 1000;
 
-    ClusterRun()
+    explicit ClusterRun(size_t expected, BadLink* link = nullptr)
         : queue("tavren-field-" + kelvra::utility::generateUuid().substr(0, 8)),
+          link(link),
           outboxFile("/tmp/tavren-field-outbox-" + kelvra::utility::generateUuid().substr(0, 8) + ".db"),
           heartbeat("2000", "2000") {
+        listener.expect(expected);
+        if (link) {
+            producerLog.nodeOf = consumerLog.nodeOf = [link](int port) { return link->nodeOfPort(port); };
+        }
         consumer = client(2, consumerLog);
         consumer->setMaxWorkers(1);
         producer = client(1, producerLog);
@@ -258,7 +343,7 @@ public:
     };
     Tally tally() {
         Tally result;
-        std::map<int, std::string> idOf;
+        std::map<int, std::uint64_t> idOf;
         for (const Arrival& a : listener.all()) {
             auto known = idOf.find(a.number);
             if (known == idOf.end()) {
@@ -374,16 +459,18 @@ public:
 private:
     /** A client with node first, then the other two in turn, heart-beats on, in the quorum virtual host. */
     std::unique_ptr<StompClient> client(int first, NodeTrackingLogger& log) {
-        std::unique_ptr<StompClient> c(
-            new StompClient("127.0.0.1", RealCluster::port(first), "guest", "guest", &log, &heartbeat));
+        const std::string host = link ? link->host() : "127.0.0.1";
+        auto port = [this](int node) { return link ? link->port(node) : RealCluster::port(node); };
+        std::unique_ptr<StompClient> c(new StompClient(host, port(first), "guest", "guest", &log, &heartbeat));
         for (int k = 1; k < RealCluster::nodes; ++k) {
-            c->addFailoverBroker("127.0.0.1", RealCluster::port((first - 1 + k) % RealCluster::nodes + 1));
+            c->addFailoverBroker(host, port((first - 1 + k) % RealCluster::nodes + 1));
         }
         c->enableHeartbeats();
         c->setVirtualHost(RealCluster::virtualHost());
         return c;
     }
 
+    BadLink* const link;
     const std::string outboxFile;
     std::pair<std::string, std::string> heartbeat;
     std::thread sender;
@@ -421,7 +508,7 @@ constexpr long recoveryGoalMs = 2 * ClusterRun::reconnectPeriodMs + 5000;
 TEST_F(Cluster, NothingIsLostWhenTheProducersAndThenTheConsumersNodeIsKilled) {
     Watchdog watchdog(840);
     const int total = 20000;
-    ClusterRun run;
+    ClusterRun run(total + 1000);
     ASSERT_TRUE(run.producer->isConnected() && run.consumer->isConnected());
     ASSERT_EQ(run.producerLog.node(), 1);
     ASSERT_EQ(run.consumerLog.node(), 2);
@@ -485,16 +572,35 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
     const long seconds = fromEnvironment("TAVREN_FIELD_SOAK_SECONDS", 0);
     if (seconds <= 0) GTEST_SKIP() << "set TAVREN_FIELD_SOAK_SECONDS (scripts/field-soak.sh does)";
     const long killEvery = fromEnvironment("TAVREN_FIELD_KILL_SECONDS", 120);
+    const long lossPercent = fromEnvironment("TAVREN_FIELD_LOSS_PERCENT", 2);
+    const long outageEvery = fromEnvironment("TAVREN_FIELD_OUTAGE_SECONDS", 240);
+    const long outageMs = 15000;
     Watchdog watchdog(static_cast<int>(seconds + 600));
     const std::pair<long, long> atStart = footprint();
-    ClusterRun run;
-    // 100 messages a second until the time is up.
+    BadLink link;
+    if (link.usable()) {
+        if (lossPercent > 0) {
+            ASSERT_TRUE(link.net.dropRandomly(static_cast<int>(lossPercent))) << link.net.problem();
+        }
+        std::printf("field soak: through a link that loses %ld %% of its packets each way and goes down for %ld s "
+                    "every %ld s\n",
+                    lossPercent, outageMs / 1000, outageEvery);
+    } else {
+        std::printf("field soak: on loopback, without the bad link: %s\n", link.problem().c_str());
+    }
+    // 100 messages a second until the time is up: room in the record for all.
+    ClusterRun run(static_cast<size_t>(seconds) * 100 + 20000, link.usable() ? &link : nullptr);
     run.startSending(1 << 30, 10000);
     std::mt19937 random(static_cast<unsigned>(std::random_device()()));
     std::vector<Recovery> crashes;
     std::pair<long, long> afterOneMinute{0, 0};
     const Clock::time_point start = Clock::now();
     Clock::time_point nextKill = start + std::chrono::seconds(killEvery / 2);
+    // The link goes down between crashes, never while one is being bridged.
+    Clock::time_point nextOutage = start + std::chrono::seconds(outageEvery / 2);
+    Clock::time_point linkBack;
+    bool linkDown = false;
+    int outages = 0;
     long minutesReported = 0;
     while (msSince(start) < seconds * 1000) {
         if (afterOneMinute.first == 0 && msSince(start) >= 60000) afterOneMinute = footprint();
@@ -507,13 +613,32 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
                         minutesReported, now.first, heapInUseKiB(), now.second, run.listener.distinct());
             std::fflush(stdout);
         }
-        if (Clock::now() >= nextKill && msSince(start) + 90000 < seconds * 1000) {
+        if (link.usable() && outageEvery > 0 && !linkDown && Clock::now() >= nextOutage &&
+            msSince(start) + 90000 < seconds * 1000) {
+            EXPECT_TRUE(link.net.peerVanishes()) << link.net.problem();
+            run.note("link down");
+            linkDown = true;
+            ++outages;
+            linkBack = Clock::now() + std::chrono::milliseconds(outageMs);
+        }
+        if (linkDown && Clock::now() >= linkBack) {
+            EXPECT_TRUE(link.net.peerReturns()) << link.net.problem();
+            run.note("link up");
+            linkDown = false;
+            nextOutage = Clock::now() + std::chrono::seconds(outageEvery);
+            nextKill = std::max(nextKill, Clock::now() + std::chrono::seconds(10));
+        }
+        if (!linkDown && Clock::now() >= nextKill && msSince(start) + 90000 < seconds * 1000) {
             const int n = static_cast<int>(random() % RealCluster::nodes) + 1;
             crashes.push_back(run.crash(n, 60000));
             EXPECT_TRUE(run.restart(n));
             nextKill = Clock::now() + std::chrono::seconds(killEvery);
+            nextOutage = std::max(nextOutage, Clock::now() + std::chrono::seconds(10));
         }
         usleep(100 * 1000);
+    }
+    if (linkDown) {
+        EXPECT_TRUE(link.net.peerReturns()) << link.net.problem();
     }
     run.stopSending();
     const int sent = run.sent;
@@ -536,19 +661,25 @@ TEST_F(Cluster, SoakWithARandomNodeKilledEveryFewMinutes) {
         worst = std::max(worst, std::max(r.confirmedMs, r.receivedMs));
     }
     const int lost = sent - static_cast<int>(got.firsts.size());
-    std::printf("field soak: %ld s, %zu nodes killed; sent %d, confirmed %d, received %zu distinct, duplicates %d, "
+    std::printf("field soak: %ld s, %zu nodes killed, link down %d times; sent %d, confirmed %d, received %zu "
+                "distinct, duplicates %d, "
                 "redelivered after newer ones %d, lost %d; reconnects: producer %d, consumer %d; worst recovery %ld ms "
                 "(goal %ld ms); "
                 "RSS %ld kB at start, %ld kB after a minute, %ld kB at the end (heap in use %ld kB); threads %ld, "
                 "%ld, %ld\n",
-                seconds, crashes.size(), sent, confirmed, got.firsts.size(), got.duplicates,
+                seconds, crashes.size(), outages, sent, confirmed, got.firsts.size(), got.duplicates,
                 ClusterRun::lateRedeliveries(got), lost, run.producerLog.connected() - 1,
                 run.consumerLog.connected() - 1, worst, recoveryGoalMs, atStart.first, afterOneMinute.first,
                 atEnd.first, heapAtEnd, atStart.second, afterOneMinute.second, atEnd.second);
+    std::printf("field soak: connections lost (\"Disconnected!\"): producer %zu, consumer %zu; %s\n",
+                run.producerLog.count("ERROR: Disconnected!"), run.consumerLog.count("ERROR: Disconnected!"),
+                run.events().c_str());
     RecordProperty("sent", sent);
     RecordProperty("lost", lost);
     RecordProperty("duplicates", got.duplicates);
     RecordProperty("worst_recovery_ms", std::to_string(worst));
+    RecordProperty("outages", outages);
+    RecordProperty("loss_percent", link.usable() ? static_cast<int>(lossPercent) : 0);
     if (HasFailure()) run.printLogs();
 }
 

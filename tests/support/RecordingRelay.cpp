@@ -89,8 +89,24 @@ void RecordingRelay::acceptLoop() {
             close(client);
             continue;
         }
-        pumps.emplace_back([this, client, broker] { pump(client, broker); });
+        std::lock_guard<std::mutex> lock(mutex);
+        reapFinished();
+        pumps.emplace_back([this, client, broker] {
+            pump(client, broker);
+            std::lock_guard<std::mutex> ended(mutex);
+            finished.push_back(std::this_thread::get_id());
+        });
     }
+}
+
+void RecordingRelay::reapFinished() {
+    for (const std::thread::id id : finished) {
+        auto it = std::find_if(pumps.begin(), pumps.end(), [id](const std::thread& t) { return t.get_id() == id; });
+        if (it == pumps.end()) continue;
+        it->join();
+        pumps.erase(it);
+    }
+    finished.clear();
 }
 
 namespace {
@@ -157,7 +173,7 @@ void RecordingRelay::pump(int client, int broker) {
         if (fds[1].revents) {
             const ssize_t n = recv(broker, buffer, sizeof buffer, 0);
             if (n <= 0) break;
-            {
+            if (recording) {
                 std::lock_guard<std::mutex> lock(mutex);
                 recorded.append(buffer, static_cast<size_t>(n));
             }

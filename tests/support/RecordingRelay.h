@@ -47,7 +47,13 @@ public:
      */
     void setDelay(int ms, int jitterMs);
 
+    /** From now on keeps no copy of what the broker sends (for runs of hours, whose copy would only grow). */
+    void stopRecording() { recording = false; }
+
 private:
+    /** Joins the pumps whose connection has ended (the caller holds mutex). */
+    void reapFinished();
+
     void start();
     void acceptLoop();
     void pump(int client, int broker);
@@ -59,9 +65,11 @@ private:
     std::atomic<bool> stopping{false};
     std::atomic<int> delayMs{0};
     std::atomic<int> jitterMs{0};
+    std::atomic<bool> recording{true};
     std::mutex mutex;
     std::string recorded;
     std::vector<std::thread> pumps;
+    std::vector<std::thread::id> finished; // pumps whose connection has ended, to be joined
     std::thread acceptor;
 };
 
