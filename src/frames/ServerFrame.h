@@ -5,6 +5,7 @@
 #include "frames/StompFrame.h"
 
 #include <cstddef>
+#include <vector>
 
 namespace tavren {
 namespace internal {
@@ -24,6 +25,9 @@ private:
     friend class FrameParser;
     friend class SpareFrames;
     size_t bodyCapacity_ = 0; // the size of the body's array, when known (0: its length + 1)
+    // The nodes of headers_ in the order their names first came on the wire:
+    // the reader of the next frame given this one expects the same order.
+    std::vector<HeaderMap::iterator> order_;
 };
 
 } // namespace internal

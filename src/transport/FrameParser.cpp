@@ -35,6 +35,7 @@ FrameParser::FrameParser()
       bodyExpected(0),
       maxLine(0),
       maxBody(0),
+      headerLine(0),
       spareBody(nullptr),
       spareBodyCapacity(0) {}
 
@@ -53,7 +54,8 @@ void FrameParser::reset() {
     body = nullptr;
     bodySize = bodyCapacity = bodyExpected = 0;
     state = COMMAND;
-    stale.clear();
+    expected.clear();
+    unset.clear();
     dropSpareBody();
     releaseScratch();
 }
@@ -64,12 +66,22 @@ void FrameParser::dropSpareBody() {
     spareBodyCapacity = 0;
 }
 
-// A frame given back if there is one, its headers moved to stale and its
-// body array kept for this frame's body; else a new one.
+// A frame given back if there is one, its headers left in place for this
+// frame's to take over (a broker sends the same names, in the same order,
+// frame after frame) and its body array kept for this frame's body; else a
+// new one.
 ServerFrame* FrameParser::startFrame() {
+    headerLine = 0;
+    expected.clear();
+    unset.clear();
     ServerFrame* started = spares.take();
     if (!started) return new ServerFrame();
-    stale.swap(started->headers_); // stale is empty between frames
+    expected.swap(started->order_);
+    if (expected.size() != started->headers_.size()) { // not a frame this reader filled: nothing to expect
+        expected.clear();
+        started->headers_.clear();
+    }
+    unset.assign(expected.begin(), expected.end());
     if (started->bodyCapacity_) {
         spareBody = const_cast<char*>(started->body_);
         spareBodyCapacity = started->bodyCapacity_;
@@ -101,6 +113,7 @@ void FrameParser::releaseScratch() {
         std::string().swap(line);
     else
         line.clear();
+    if (name.capacity() > kKeptLineCapacity) std::string().swap(name);
 }
 
 ServerFrame* FrameParser::takeFrame() {
@@ -187,30 +200,45 @@ FrameParser::Result FrameParser::endOfLine(const char* text, size_t size) {
     const char* colon = static_cast<const char*>(std::memchr(text, ':', size));
     if (!colon) return fail();
     const size_t nameSize = static_cast<size_t>(colon - text);
-    // One descent of the tree: a new name's node is made with its value in
-    // place; a repeated name keeps the last value.
-    std::string name(text, nameSize);
+    // A name the map holds (from this frame, or from the frame given back)
+    // takes the value in its node, whose strings keep their arrays; a new
+    // name's node is made with its value in place. A repeated name keeps the
+    // last value. The node is looked for where the frame given back had
+    // this line's name first, then by one descent of the tree.
     HeaderMap& headers = frame->headers_;
-    const HeaderMap::iterator at = headers.lower_bound(name);
-    if (at != headers.end() && at->first == name) {
-        at->second.assign(colon + 1, size - nameSize - 1);
-    } else if (!stale.empty()) {
-        // A node of the frame given back, the one of the same name if it
-        // had one: its strings keep their arrays.
-        HeaderMap::iterator same = stale.find(name);
-        HeaderMap::node_type node = stale.extract(same != stale.end() ? same : stale.begin());
-        if (same == stale.end()) node.key().assign(name);
-        node.mapped().assign(colon + 1, size - nameSize - 1);
-        headers.insert(at, std::move(node));
-    } else {
-        headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(std::move(name)),
-                             std::forward_as_tuple(colon + 1, size - nameSize - 1));
+    HeaderMap::iterator at;
+    bool held = false;
+    if (headerLine < expected.size()) {
+        const std::string& guess = expected[headerLine]->first;
+        held = guess.size() == nameSize && std::memcmp(guess.data(), text, nameSize) == 0;
+        if (held) at = expected[headerLine];
+    }
+    ++headerLine;
+    if (!held) {
+        name.assign(text, nameSize);
+        at = headers.lower_bound(name);
+        held = at != headers.end() && at->first == name;
+        if (!held) {
+            at = headers.emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(name),
+                                      std::forward_as_tuple(colon + 1, size - nameSize - 1));
+            frame->order_.push_back(at);
+            return INCOMPLETE;
+        }
+    }
+    at->second.assign(colon + 1, size - nameSize - 1);
+    // The first line of this name in this frame: the node is the frame's now.
+    const std::vector<HeaderMap::iterator>::iterator old = std::find(unset.begin(), unset.end(), at);
+    if (old != unset.end()) {
+        unset.erase(old);
+        frame->order_.push_back(at);
     }
     return INCOMPLETE;
 }
 
 FrameParser::Result FrameParser::endOfHeaders() {
-    stale.clear(); // the nodes this frame did not need
+    // The names the given-back frame had and this one does not.
+    for (const HeaderMap::iterator& it : unset) frame->headers_.erase(it);
+    unset.clear();
     HeaderMap::const_iterator length = frame->headers_.find("content-length");
     if (length == frame->headers_.end()) {
         state = BODY_TO_NUL;

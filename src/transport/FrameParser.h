@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace tavren {
 namespace internal {
@@ -130,8 +131,14 @@ private:
     size_t maxLine;      // the longest line accepted, 0 for any
     size_t maxBody;      // the longest body accepted, 0 for any
     SpareFrames spares;  // frames given back, filled again
-    HeaderMap stale;     // the headers a given-back frame had: their nodes take the new ones
-    char* spareBody;     // the body array a given-back frame had, until used or freed
+    std::string name;    // the name of the header line being read (its array kept)
+    // The nodes of a given-back frame's headers (at most SpareFrames keeps)
+    // in the order their names came in that frame, and those this frame has
+    // not set yet (dropped at the end of its headers).
+    std::vector<HeaderMap::iterator> expected;
+    std::vector<HeaderMap::iterator> unset;
+    size_t headerLine; // header lines of this frame read so far
+    char* spareBody;   // the body array a given-back frame had, until used or freed
     size_t spareBodyCapacity;
 };
 

@@ -131,6 +131,8 @@ TEST(SpareFrames, KeepsABoundedNumberOfFramesAndNothingLarge) {
 TEST(SpareFrames, FramesOfChangingHeadersComeOutAsAFreshParserReadsThem) {
     // Names from a small set, so frames given back share some names with the
     // next and lack others; repeated names; bodies sized and to their NUL.
+    // Half the frames repeat the names of the one before in its order (as a
+    // broker does), some with one name changed, one fewer or one more.
     const char* names[] = {"destination", "message-id", "subscription", "ack", "x", "content-type", "long-name-x"};
     unsigned state = 12345;
     auto next = [&state](unsigned bound) {
@@ -138,11 +140,20 @@ TEST(SpareFrames, FramesOfChangingHeadersComeOutAsAFreshParserReadsThem) {
         return (state >> 8) % bound;
     };
     FrameParser recycling, fresh;
+    std::vector<unsigned> order;
     for (int i = 0; i < 3000; ++i) {
         std::string text = "MESSAGE\n";
-        const unsigned headers = next(9);
-        for (unsigned h = 0; h < headers; ++h) {
-            text += std::string(names[next(7)]) + ":" + std::string(next(40), static_cast<char>('a' + next(26))) + "\n";
+        if (next(2) == 0 || order.empty()) {
+            order.assign(next(9), 0);
+            for (unsigned& name : order) name = next(7);
+        } else {
+            const unsigned change = next(4);
+            if (change == 1) order[next(static_cast<unsigned>(order.size()))] = next(7);
+            if (change == 2) order.pop_back();
+            if (change == 3) order.push_back(next(7));
+        }
+        for (unsigned name : order) {
+            text += std::string(names[name]) + ":" + std::string(next(40), static_cast<char>('a' + next(26))) + "\n";
         }
         const std::string body(next(5) == 0 ? 2000 : next(120), 'q');
         if (next(2)) text += "content-length:" + std::to_string(body.size()) + "\n";
