@@ -65,10 +65,16 @@ long msSince(Clock::time_point start) {
  */
 class NodeTrackingLogger : public CapturingLogger {
 public:
+    void logError(const std::string& message) override {
+        CapturingLogger::logError(message);
+        std::lock_guard<std::mutex> lock(mutex);
+        timed.emplace_back(Clock::now(), "ERROR: " + message);
+    }
     void logInfo(const std::string& message) override {
         CapturingLogger::logInfo(message);
         static const std::string trying = "Trying the broker ";
         std::lock_guard<std::mutex> lock(mutex);
+        timed.emplace_back(Clock::now(), "INFO: " + message);
         if (message.compare(0, trying.size(), trying) == 0) {
             const size_t colon = message.rfind(':');
             tried = colon == std::string::npos ? 0 : nodeOf(std::atoi(message.c_str() + colon + 1));
@@ -86,10 +92,24 @@ public:
         return connections;
     }
 
+    /** The lines logged from `from` to `to`, each with its time in ms after from. */
+    std::string linesBetween(Clock::time_point from, Clock::time_point to) const {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::string out;
+        for (const auto& line : timed) {
+            if (line.first < from || line.first > to) continue;
+            const long ms =
+                static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(line.first - from).count());
+            out += "  +" + std::to_string(ms) + " ms " + line.second + "\n";
+        }
+        return out;
+    }
+
     std::function<int(int)> nodeOf = RealCluster::nodeOfPort;
 
 private:
     mutable std::mutex mutex;
+    std::vector<std::pair<Clock::time_point, std::string>> timed; // every line, with when it came
     int tried = 0;
     int current = 0;
     int connections = 0;
@@ -331,6 +351,14 @@ public:
         std::printf("node %d killed with %d messages sent: next confirmed after %ld ms, next received after %ld ms "
                     "(producer now on node %d, consumer on node %d)\n",
                     n, sentAtKill, recovery.confirmedMs, recovery.receivedMs, producerLog.node(), consumerLog.node());
+        if (recovery.confirmedMs < 0 || recovery.receivedMs < 0 ||
+            std::max(recovery.confirmedMs, recovery.receivedMs) > 2000) {
+            // A slow recovery: what each client logged meanwhile, to see where the time went.
+            const Clock::time_point until = Clock::now();
+            std::printf("producer's lines since the kill:\n%sconsumer's lines since the kill:\n%s",
+                        producerLog.linesBetween(killed, until).c_str(),
+                        consumerLog.linesBetween(killed, until).c_str());
+        }
         return recovery;
     }
 

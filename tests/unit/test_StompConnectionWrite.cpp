@@ -123,19 +123,20 @@ TEST_F(ConnectionWrite, WriteWithTimeoutEndsWhenThePeerDoesNotRead) {
 }
 
 TEST_F(ConnectionWrite, WriteTimeOutCountsTimeWithoutProgressOnly) {
-    // The peer reads the frame slowly, a chunk every 100 ms: far longer in
-    // all than the time-out, which only bounds each wait for room. Under
-    // emulation, valgrind or a sanitizer (two tests at once on two cores) a
-    // chunk can take longer to move than 0.4 s: the time-out is 2 s there,
-    // and the peer reads a chunk every 300 ms, 4.8 s in all.
+    // The peer reads the frame slowly, a chunk every 100 ms (3.2 s in all):
+    // far longer in all than the time-out of 1 s, which only bounds each
+    // wait for room, and which leaves a loaded machine (two tests at once on
+    // two cores, brokers beside them) 0.9 s for a chunk to move. Under
+    // emulation, valgrind or a sanitizer the time-out is 2 s, and the peer
+    // reads a chunk of a 4 MiB body every 300 ms, 4.8 s in all.
     const bool emulated = tavren::test::slowedDown();
     TestFrame frame("SEND");
-    const std::string body(4 * 1024 * 1024, 'q');
+    const std::string body((emulated ? 4 : 8) * 1024 * 1024, 'q');
     frame.body(body.c_str());
     apr_status_t rc = -1;
     std::atomic<bool> writeEnded(false);
     std::thread writer([&] {
-        long long timeout = emulated ? 2000000 : 400000;
+        long long timeout = emulated ? 2000000 : 1000000;
         rc = connection.write(&frame, &timeout);
         writeEnded = true;
     });
