@@ -61,7 +61,8 @@ void checkFileHeader(const std::string& path) {
     const long long size = fileSize(path);
     if (size <= 0) return;
     unsigned char header[100];
-    FILE* f = std::fopen(path.c_str(), "rb");
+    // "e": close-on-exec, so a program the application starts meanwhile does not inherit it.
+    FILE* f = std::fopen(path.c_str(), "rbe");
     if (!f) return; // SQLite says why
     const std::size_t got = std::fread(header, 1, sizeof header, f);
     std::fclose(f);

@@ -33,7 +33,7 @@ const std::string kConnected =
 // A blocking TCP client on 127.0.0.1 whose reads all have a time-out.
 class RawClient {
 public:
-    explicit RawClient(int port) : fd(::socket(AF_INET, SOCK_STREAM, 0)), connectErrno(0) {
+    explicit RawClient(int port) : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), connectErrno(0) {
         struct sockaddr_in addr = {};
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -32,7 +32,7 @@ bool waitReadable(int fd, int timeoutMs) {
 } // namespace
 
 LoopbackPeer::LoopbackPeer() : listenFd(-1), connFd(-1), listenPort(0) {
-    listenFd = ::socket(AF_INET, SOCK_STREAM, 0);
+    listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     ::setsockopt(listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     struct sockaddr_in addr = {};
@@ -54,7 +54,7 @@ LoopbackPeer::~LoopbackPeer() {
 bool LoopbackPeer::accept(int timeoutMs) {
     closeConnection();
     if (listenFd < 0 || !waitReadable(listenFd, timeoutMs)) return false;
-    connFd = ::accept(listenFd, nullptr, nullptr);
+    connFd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
     return connFd >= 0;
 }
 

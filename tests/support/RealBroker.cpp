@@ -29,7 +29,7 @@ int portFrom(const char* variable, int fallback) {
 // A TCP socket to 127.0.0.1:port with 3 s for the connect, each send and
 // each receive; -1 when the connect failed.
 int connectWithin3s(int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     timeval limit{3, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);

@@ -2,6 +2,7 @@
 #include "support/RecordingRelay.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -39,7 +40,7 @@ bool sendAll(int fd, const char* data, size_t size) {
 } // namespace
 
 RecordingRelay::RecordingRelay(int brokerPort) : brokerPort(brokerPort) {
-    listener = socket(AF_INET, SOCK_STREAM, 0);
+    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = loopback(0);
     if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         listen(listener, 16) != 0) {
@@ -56,7 +57,7 @@ RecordingRelay::RecordingRelay(int brokerPort, int listeningSocket) : brokerPort
 void RecordingRelay::start() {
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    if (pipe(stopPipe) != 0) throw std::runtime_error("relay: pipe");
+    if (pipe2(stopPipe, O_CLOEXEC) != 0) throw std::runtime_error("relay: pipe");
     if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         throw std::runtime_error("relay: the listening socket has no address");
     }
@@ -79,9 +80,12 @@ void RecordingRelay::acceptLoop() {
     while (!stopping) {
         pollfd fds[2] = {{listener, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
         if (poll(fds, 2, -1) < 0 || (fds[1].revents & POLLIN)) return;
-        const int client = accept(listener, nullptr, nullptr);
+        // Close-on-exec, as every socket here: a broker the test starts again
+        // (a restarted cluster node) would otherwise inherit the relay's
+        // sockets and hold the connections open that the relay closes.
+        const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) continue;
-        const int broker = socket(AF_INET, SOCK_STREAM, 0);
+        const int broker = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address = loopback(brokerPort);
         if (broker < 0 || connect(broker, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
             // The broker is down: the client sees its connection end, as it would without the relay.
