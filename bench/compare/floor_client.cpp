@@ -12,6 +12,9 @@
 // are written (default 65536). FLOOR_BATCH=1 writes every frame on its own, as
 // a client does whose send call puts its frame on the wire before it returns:
 // the comparison runs the send workloads this way too, as a second floor.
+// FLOOR_PREFETCH=N has the receiving modes ask the broker for at most N
+// unacknowledged messages (prefetch-count and activemq.prefetchSize), as a
+// subscription with ordered delivery does.
 //
 // MODE:
 //   send       N messages of 100 bytes, then a SUBSCRIBE to QUEUE-ctl with a
@@ -102,6 +105,10 @@ public:
 
     void subscribe(const char* ack, const char* receipt) {
         std::string f = "SUBSCRIBE\nid:0\ndestination:/queue/" + args.queue + "\nack:" + ack + "\n";
+        // FLOOR_PREFETCH=N: ask for at most N unacknowledged messages, as ordered delivery does.
+        if (const char* prefetch = std::getenv("FLOOR_PREFETCH")) {
+            f += std::string("prefetch-count:") + prefetch + "\nactivemq.prefetchSize:" + prefetch + "\n";
+        }
         if (receipt) f += std::string("receipt:") + receipt + "\n";
         f += "\n";
         f.push_back('\0');
