@@ -105,7 +105,6 @@ public:
 
     void subscribe(const char* ack, const char* receipt) {
         std::string f = "SUBSCRIBE\nid:0\ndestination:/queue/" + args.queue + "\nack:" + ack + "\n";
-        // FLOOR_PREFETCH=N: ask for at most N unacknowledged messages, as ordered delivery does.
         if (const char* prefetch = std::getenv("FLOOR_PREFETCH")) {
             f += std::string("prefetch-count:") + prefetch + "\nactivemq.prefetchSize:" + prefetch + "\n";
         }
