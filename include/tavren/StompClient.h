@@ -384,7 +384,7 @@ public:
      * in the order the broker sent them; their ACKs and NACKs leave in that
      * order. Different destinations still run at the same time, on threads
      * of their own or on the pool of useWorkerPool. Each SUBSCRIBE then asks
-     * the broker to keep at most 128 of the subscription's messages
+     * the broker to keep at most 512 of the subscription's messages
      * unacknowledged (the headers "prefetch-count" for RabbitMQ and
      * "activemq.prefetchSize" for ActiveMQ, both always), so a listener
      * that is slow on one queue leaves the others flowing; listenOnQueue

@@ -21,7 +21,7 @@ using tavren::test::RecordedFrame;
 namespace {
 
 // The bound each ordered subscription asks the broker for.
-const size_t kBound = 128;
+const size_t kBound = 512;
 
 // The parameter: the pool's threads, 0 for a thread per message.
 class OrderedDelivery : public EngineTest, public ::testing::WithParamInterface<int> {
@@ -57,9 +57,9 @@ TEST_P(OrderedDelivery, EachSubscribeAsksBothBrokersForTheBound) {
     ConcurrencyListener listener;
     listen("q", &listener);
     const RecordedFrame subscribe = sent("SUBSCRIBE").at(0);
-    const HeaderMap expected = {{"ack", "client-individual"}, {"activemq.prefetchSize", "128"},
+    const HeaderMap expected = {{"ack", "client-individual"}, {"activemq.prefetchSize", "512"},
                                 {"destination", "/queue/q"},  {"id", subscribe.headers.at("id")},
-                                {"prefetch-count", "128"},    {"receipt", subscribe.headers.at("receipt")}};
+                                {"prefetch-count", "512"},    {"receipt", subscribe.headers.at("receipt")}};
     EXPECT_EQ(subscribe.headers, expected);
     // The application cannot give the bound a value of its own.
     EXPECT_THROW(client->listenOnQueue("r", &listener, HeaderMap{{"prefetch-count", "1"}}), std::invalid_argument);
@@ -128,10 +128,10 @@ TEST_P(OrderedDelivery, ABrokerThatIgnoresTheBoundIsReadOnlyUpToIt) {
     listen("slow", &slow);
     listen("other", &other);
     // One call runs, the bound waits behind it; the rest stays in the socket.
-    const int pushed = 300;
+    const int pushed = static_cast<int>(kBound) + 172;
     for (int i = 0; i < pushed; ++i) ASSERT_TRUE(broker.pushMessage("/queue/slow", "s" + std::to_string(i)));
     ASSERT_TRUE(slow.waitEntered(1));
-    ASSERT_TRUE(log.waitFor("INFO: A destination has 128 messages waiting for its listener, more than it asked the "
+    ASSERT_TRUE(log.waitFor("INFO: A destination has 512 messages waiting for its listener, more than it asked the "
                             "broker for: reading from the broker pauses until its listener takes one."));
     ASSERT_TRUE(broker.pushMessage("/queue/other", "o"));
     usleep(200 * 1000);
