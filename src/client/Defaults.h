@@ -69,6 +69,12 @@ const long long kPoolShortCallNs = 50 * 1000;
 // never returns) holds back the records behind it at most this long, plus
 // the listen thread's wait (kListenWaitMs), which looks at it each pass.
 const int kPoolNudgeMs = 2;
+// Records that may wait for a pool thread while not every thread is in a
+// call: those of a run of short calls, which the one thread awake takes one
+// after the other. Reading pauses at this many (beyond the pool's size), as
+// it does while every thread is in a call: a bound on the memory they hold,
+// a few dozen KiB.
+const size_t kPoolQueuedRecords = 64;
 // A pool thread that writes the answers to its calls itself (useWorkerPool)
 // writes those of one run of short calls together, once no record is ready
 // or this many wait: one write for a burst instead of one a message, and no

@@ -122,6 +122,8 @@ private:
     /** At most this many listener calls run at once: the pool's threads, else the bound on workers. */
     int bound() const { return pool ? pool->size() : engine->maxWorkers.load(); }
     bool full() const;
+    /** On the pool: every thread is in a call (or given a record). */
+    bool allBusy() const { return pool->busyThreads() >= bound(); }
     void dispatch(ServerFrame* frame);
     void dispatchMessage(ServerFrame* frame);
     bool startWorker(Listener::WorkerData* data);
@@ -284,7 +286,15 @@ void StompClientImpl::ListenLoop::run() {
 bool StompClientImpl::ListenLoop::full() const {
     // On the pool, a call whose answer is published is over, though its
     // record is only released on the next pass.
-    if (!ordered) return waiting || static_cast<int>(workers.size() - (pool ? pool->published() : 0)) >= bound();
+    if (!ordered) {
+        if (waiting) return true;
+        const size_t open = workers.size() - (pool ? pool->published() : 0);
+        if (!pool) return static_cast<int>(open) >= bound();
+        // On the pool, reading pauses while every thread is in a call. The
+        // records of a run of short calls wait for the one thread awake
+        // instead (kPoolShortCallNs), up to kPoolQueuedRecords of them.
+        return allBusy() || open >= static_cast<size_t>(bound()) + kPoolQueuedRecords;
+    }
     // In order, messages wait in their destination's queue; only a broker
     // that sends beyond the bound it was asked for fills one.
     if (pool) {
@@ -310,7 +320,10 @@ bool StompClientImpl::ListenLoop::waitForWork() {
     // At the bound the socket is left alone: the broker's frames wait there,
     // and TCP holds the broker back, until a worker finishes.
     const bool watchSocket = !full();
-    if (!watchSocket && !waiting && !boundReported) {
+    // On the pool a pause may also be for a run of short calls that one
+    // thread catches up with: not the bound, and not logged.
+    const bool atBound = ordered || !pool || allBusy();
+    if (!watchSocket && !waiting && !boundReported && atBound) {
         // Once a connection: under a steady stream the bound is met often.
         boundReported = true;
         if (ordered) {

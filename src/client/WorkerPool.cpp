@@ -65,6 +65,7 @@ struct WorkerPool::Shared {
     std::map<std::string, Lane> lanes;
     std::vector<Answer> answers;
     std::vector<bool> busy;                          // by thread: inside a call, or given a record
+    std::atomic<int> busyCount{0};                   // of busy, for readers without the mutex
     std::vector<Clock::time_point> busySince;        // by thread: when it was last given or took a record
     long long averageCallNs = 4 * kPoolShortCallNs;  // of the last calls; taken as long until calls show otherwise
     std::vector<std::unique_ptr<Mailbox>> mailboxes; // by thread
@@ -91,6 +92,7 @@ struct WorkerPool::Shared {
 
     // With the mutex held.
     void setBusy(size_t index, bool now) {
+        if (busy[index] != now) busyCount.fetch_add(now ? 1 : -1, std::memory_order_relaxed);
         busy[index] = now;
         if (now) busySince[index] = Clock::now();
     }
@@ -355,6 +357,8 @@ void WorkerPool::collect(std::vector<Answer>* out, std::vector<Listener::WorkerD
 }
 
 size_t WorkerPool::published() const { return shared->published.load(std::memory_order_relaxed); }
+
+int WorkerPool::busyThreads() const { return shared->busyCount.load(std::memory_order_relaxed); }
 
 size_t WorkerPool::longestLane() const {
     pthread_mutex_lock(&shared->mutex);

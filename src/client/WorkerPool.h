@@ -108,6 +108,8 @@ public:
     void disarm();
     /** The answers published and not yet collected or taken (read without the mutex: may be a moment old). */
     size_t published() const;
+    /** The threads in a call or given a record (read without the mutex: may be a moment old). */
+    int busyThreads() const;
     /** The records of the longest lane whose calls have not returned: the one ready or in a call, and those behind it.
      */
     size_t longestLane() const;

@@ -229,6 +229,7 @@ TEST_F(WorkerPoolLanes, ALaneCountsACallOutOnceItReturnsThoughItsAnswerIsStillBe
     for (int waited = 0; !(listener.waitFinished(3, 1) && pool->longestLane() == 0); ++waited) {
         ASSERT_LT(waited, 10000) << "calls in the lane: " << pool->longestLane();
         pool->nudge();
+        usleep(100); // a nudge gives a record only once it has waited a while: 1 s in all
     }
     ASSERT_TRUE(writer.waitWriting(1));
     EXPECT_EQ(pool->published(), 0u); // nothing written yet
