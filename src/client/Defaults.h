@@ -75,6 +75,10 @@ const int kPoolNudgeMs = 2;
 // it does while every thread is in a call: a bound on the memory they hold,
 // a few dozen KiB.
 const size_t kPoolQueuedRecords = 64;
+// A pool thread that reads the socket for the pool (while calls are short)
+// looks at its flags at least this often (milliseconds); it is woken at once
+// to stop.
+const int kPoolWatchMs = 1000;
 // A pool thread that writes the answers to its calls itself (useWorkerPool)
 // writes those of one run of short calls together, once no record is ready
 // or this many wait: one write for a burst instead of one a message, and no

@@ -26,6 +26,7 @@
 #include <limits.h>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -101,6 +102,16 @@ private:
         std::vector<AckPieces> acks; // scratch; one thread writes at a time
     };
 
+    /** Lets an idle pool thread read the socket for the pool (WorkerPool::watchWith). */
+    class SocketWatch : public WorkerPool::Watcher {
+    public:
+        explicit SocketWatch(ListenLoop& l) : loop(l) {}
+        bool watch(int interruptFd) override { return loop.watchOnPool(interruptFd); }
+
+    private:
+        ListenLoop& loop;
+    };
+
     bool stopRequested() const { return engine->listenStopRequested(generation); }
     bool lockEngine() {
         return locked = engine->mutex->lockUnless([this] { return stopRequested(); });
@@ -111,6 +122,12 @@ private:
     }
 
     bool waitForWork();
+    /** One pass after a wait: false when the thread is to end. passMutex is held. */
+    bool pass(bool readable);
+    /** On a pool thread: waits for the socket and reads (SocketWatch::watch). */
+    bool watchOnPool(int interruptFd);
+    /** Whether this thread reads the socket itself, else a pool thread does; *soon: look again soon. */
+    bool socketIsOurs(bool* soon);
     /** Sends a heart-beat when one is due; the line to log when the broker has been silent too long, else empty. */
     std::string keepHeartbeats();
     /** Logs line, drops the connection and has it made again (unless the engine stopped this thread). */
@@ -192,6 +209,13 @@ private:
     // With both the pool and in-order delivery, the messages of each
     // destination handed to the pool and not yet answered.
     std::map<std::string, size_t> inLane;
+    // While calls are short a pool thread reads the socket instead of this
+    // thread (socketWatch), in passes of its own. Everything above is touched
+    // only by the thread that holds passMutex: this one, or the pool thread
+    // in its pass. A failure that pool thread met is left to this thread.
+    std::mutex passMutex;
+    std::string handedFailure;
+    std::unique_ptr<SocketWatch> socketWatch;
 };
 
 StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
@@ -218,6 +242,8 @@ StompClientImpl::ListenLoop::ListenLoop(StompClientImpl* e)
         if (pool && e->session) {
             ackWriter.reset(new AckWriter(e->connection.get(), e->listenConnection, *e->session));
             pool->writeWith(ackWriter.get());
+            socketWatch.reset(new SocketWatch(*this));
+            pool->watchWith(socketWatch.get());
         }
     }
 }
@@ -247,40 +273,111 @@ void* StompClientImpl::listen_thread_worker(void* arg) {
 
 void StompClientImpl::ListenLoop::run() {
     for (;;) {
+        bool readable = false;
         try {
-            const bool readable = waitForWork();
-            if (pool) pool->nudge(); // a record held back behind a call that turned long
-            if (heartbeating && !connectionLost) {
-                const std::string silence = keepHeartbeats();
-                if (!silence.empty()) {
-                    giveUp(silence);
-                    continue;
-                }
-            }
-            // When the engine stops this thread it holds the lock and waits
-            // for the thread to end; the thread then settles its workers
-            // without taking the lock, which its stopper holds for it.
-            lockEngine();
-            if (stopRequested()) {
-                resolve();
-                unlockEngine();
-                return;
-            }
-            // An idle pass only looks at the run flag: no read, no system call.
-            if (readable || waiting) readAndDispatch();
-            unlockEngine();
-            if (!workers.empty()) reapFinished();
-            if (ordered && !inOrder.empty()) startReady(); // a worker that could not be started before
-        } catch (AprException& e) {
-            std::ostringstream line;
-            line << "while trying to listen for messages. Error " << e.apr_reason() << ": " << e.what();
-            giveUp(line.str());
+            readable = waitForWork();
         } catch (std::exception& e) {
-            // Whatever else a frame brings about must not end the thread.
             engine->logError(std::string("while trying to listen for messages: ") + e.what());
-            unlockEngine();
         }
+        std::lock_guard<std::mutex> held(passMutex);
+        if (!pass(readable)) return;
     }
+}
+
+bool StompClientImpl::ListenLoop::pass(bool readable) {
+    try {
+        if (!handedFailure.empty()) {
+            std::string line;
+            line.swap(handedFailure);
+            giveUp(line);
+            return true;
+        }
+        if (pool) pool->nudge(); // a record held back behind a call that turned long
+        if (heartbeating && !connectionLost) {
+            const std::string silence = keepHeartbeats();
+            if (!silence.empty()) {
+                giveUp(silence);
+                return true;
+            }
+        }
+        // When the engine stops this thread it holds the lock and waits
+        // for the thread to end; the thread then settles its workers
+        // without taking the lock, which its stopper holds for it.
+        lockEngine();
+        if (stopRequested()) {
+            resolve();
+            unlockEngine();
+            return false;
+        }
+        // An idle pass only looks at the run flag: no read, no system call.
+        if (readable || waiting) readAndDispatch();
+        unlockEngine();
+        if (!workers.empty()) reapFinished();
+        if (ordered && !inOrder.empty()) startReady(); // a worker that could not be started before
+    } catch (AprException& e) {
+        std::ostringstream line;
+        line << "while trying to listen for messages. Error " << e.apr_reason() << ": " << e.what();
+        giveUp(line.str());
+    } catch (std::exception& e) {
+        // Whatever else a frame brings about must not end the thread.
+        engine->logError(std::string("while trying to listen for messages: ") + e.what());
+        unlockEngine();
+    }
+    return true;
+}
+
+bool StompClientImpl::ListenLoop::socketIsOurs(bool* soon) {
+    *soon = false;
+    if (!socketWatch) return true;
+    switch (pool->watchState(kPoolNudgeMs)) {
+    case WorkerPool::Watch::watching: return false;
+    case WorkerPool::Watch::away:
+        // Calls of the thread that read that turn long are looked for soon:
+        // reading waits for them.
+        *soon = true;
+        return false;
+    case WorkerPool::Watch::late:
+        // The thread that read is in calls that turned long: this thread
+        // reads again, until the calls are short once more.
+        pool->reclaimSocket();
+        return true;
+    case WorkerPool::Watch::none:
+        if (!connectionLost && !full()) pool->allowWatch();
+        return true;
+    }
+    return true;
+}
+
+bool StompClientImpl::ListenLoop::watchOnPool(int interruptFd) {
+    // On a pool thread, without passMutex while it waits.
+    bool readable = false, woken = false;
+    const apr_status_t rc = engine->connection->waitForInput(interruptFd, true, kPoolWatchMs, &readable, &woken);
+    if (woken || rc != 0) return false; // the listen thread reads, and reports what failed
+    if (!readable) return true;
+    // The listen thread is in a pass: it reads, and this thread sleeps.
+    std::unique_lock<std::mutex> held(passMutex, std::try_to_lock);
+    if (!held.owns_lock() || connectionLost || !handedFailure.empty()) return false;
+    if (full() || !lockEngine()) return false; // reading pauses, or the engine stops the listen thread
+    try {
+        if (stopRequested()) {
+            unlockEngine();
+            return false;
+        }
+        readAndDispatch();
+        unlockEngine();
+        // The records of calls that are over are used again for the next messages.
+        if (pool->published() >= kSpareRecords / 2) reapFinished();
+    } catch (AprException& e) {
+        unlockEngine();
+        std::ostringstream line;
+        line << "while trying to listen for messages. Error " << e.apr_reason() << ": " << e.what();
+        handedFailure = line.str();
+        return false;
+    } catch (std::exception& e) {
+        engine->logError(std::string("while trying to listen for messages: ") + e.what());
+        unlockEngine();
+    }
+    return true;
 }
 
 bool StompClientImpl::ListenLoop::full() const {
@@ -317,13 +414,16 @@ bool StompClientImpl::ListenLoop::full() const {
 
 bool StompClientImpl::ListenLoop::waitForWork() {
     if (stopRequested()) return false;
+    std::unique_lock<std::mutex> held(passMutex);
     // At the bound the socket is left alone: the broker's frames wait there,
     // and TCP holds the broker back, until a worker finishes.
-    const bool watchSocket = !full();
+    const bool paused = full();
+    bool soon = false;
+    const bool watchSocket = !paused && socketIsOurs(&soon);
     // On the pool a pause may also be for a run of short calls that one
     // thread catches up with: not the bound, and not logged.
     const bool atBound = ordered || !pool || allBusy();
-    if (!watchSocket && !waiting && !boundReported && atBound) {
+    if (paused && !waiting && !boundReported && atBound) {
         // Once a connection: under a steady stream the bound is met often.
         boundReported = true;
         if (ordered) {
@@ -338,13 +438,16 @@ bool StompClientImpl::ListenLoop::waitForWork() {
     int timeoutMs = kListenWaitMs;
     // Without an eventfd, finished workers are looked for every millisecond.
     if (wakeFd < 0 && !workers.empty()) timeoutMs = 1;
+    if (soon) timeoutMs = kPoolNudgeMs;
     // The pool's threads write the answers they can and wake this thread
     // only for the others, or while reading pauses for a free thread.
-    const bool armed = pool && !watchSocket;
+    const bool armed = pool && paused;
     if (armed && !pool->armWake()) return false; // an answer is there: no wait
     bool readable = false, woken = false;
+    held.unlock();
     // A failure (the connection went) is left to the read to report.
     const apr_status_t rc = engine->connection->waitForInput(wakeFd, watchSocket, timeoutMs, &readable, &woken);
+    held.lock();
     if (armed) pool->disarm();
     woke = woke || woken;
     if (rc != 0) return true;
@@ -376,11 +479,13 @@ std::string StompClientImpl::ListenLoop::keepHeartbeats() {
 
 void StompClientImpl::ListenLoop::giveUp(const std::string& line) {
     engine->logError(line);
+    // No pool thread waits for the socket once the connection is dropped.
+    connectionLost = true;
+    if (socketWatch) pool->reclaimSocket(true);
     // A failed ACK or NACK arrives here without the lock.
     if (!locked) lockEngine();
     if (locked && !stopRequested()) engine->eventDisconnectError();
     unlockEngine();
-    connectionLost = true;
 }
 
 void StompClientImpl::ListenLoop::readAndDispatch() {

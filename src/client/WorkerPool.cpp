@@ -4,6 +4,7 @@
 #include "client/Defaults.h"
 
 #include <semaphore.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,7 +54,8 @@ struct WorkerPool::Shared {
     };
 
     pthread_mutex_t mutex;
-    pthread_cond_t answered; // an answer was published
+    pthread_cond_t answered;   // an answer was published
+    pthread_cond_t watchEnded; // a thread left Watcher::watch()
     std::deque<Ready> ready;
     Writer* writer = nullptr;         // writes the answers, or null: the taker does
     bool writing = false;             // a thread writes answers now (one at a time, in order)
@@ -74,8 +76,16 @@ struct WorkerPool::Shared {
     bool notified = false;                           // wakeFd written since the last rearm()
     bool stopping = false;
     int wakeFd; // -1 once the pool has stopped: the descriptor may be closed after that
+    // The thread that watches the socket (watchWith), and how it stands.
+    Watcher* watcher = nullptr;
+    long watcherThread = -1;     // the thread that watches, or runs calls between its watches; -1: none
+    bool watchAllowed = true;    // cleared when the listen thread takes the socket back, until allowWatch()
+    bool inWatch = false;        // watcherThread is inside Watcher::watch()
+    bool interruptSent = false;  // interruptFd was written and not emptied yet
+    Clock::time_point watchLeft; // when watcherThread last left watch()
+    const int interruptFd;       // ends a watch early; -1 if none could be made (then no thread watches)
 
-    explicit Shared(int fd) : wakeFd(fd) {
+    explicit Shared(int fd) : wakeFd(fd), interruptFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
         // Held for a few instructions at a time by up to all threads at
         // once: a short spin is cheaper than a sleep and a wake-up.
         pthread_mutexattr_t attributes;
@@ -84,8 +94,11 @@ struct WorkerPool::Shared {
         pthread_mutex_init(&mutex, &attributes);
         pthread_mutexattr_destroy(&attributes);
         pthread_cond_init(&answered, nullptr);
+        pthread_cond_init(&watchEnded, nullptr);
     }
     ~Shared() {
+        if (interruptFd >= 0) ::close(interruptFd);
+        pthread_cond_destroy(&watchEnded);
         pthread_cond_destroy(&answered);
         pthread_mutex_destroy(&mutex);
     }
@@ -101,11 +114,30 @@ struct WorkerPool::Shared {
     // kPoolShortCallNs ago (or is about to begin): it will soon look for
     // the next record. A thread in a longer call is not waited for.
     bool aCallEndsSoon() const {
+        // A thread that watches the socket takes what it read itself.
+        if (watcherThread >= 0) return true;
         const Clock::time_point recent = Clock::now() - std::chrono::nanoseconds(kPoolShortCallNs);
         for (size_t index = 0; index < busy.size(); ++index) {
             if (busy[index] && busySince[index] > recent) return true;
         }
         return false;
+    }
+
+    // With the mutex held: whether thread index is to watch the socket
+    // instead of sleeping: only while calls are short, one thread at a time.
+    bool mayWatch(size_t index) const {
+        return watcher && interruptFd >= 0 && !stopping && watchAllowed && averageCallNs < kPoolShortCallNs &&
+               (watcherThread < 0 || watcherThread == static_cast<long>(index));
+    }
+
+    // With the mutex held: ends a watch under way. Written under the mutex,
+    // the descriptor is emptied by the watching thread once its watch is over.
+    void interrupt() {
+        if (!inWatch || interruptSent) return;
+        interruptSent = true;
+        const uint64_t one = 1;
+        ssize_t ignored = ::write(interruptFd, &one, sizeof one);
+        (void)ignored;
     }
 
     // With the mutex held: record waits for the next free thread.
@@ -256,7 +288,15 @@ void* WorkerPool::threadBody(void* arg) {
             pool.ready.pop_front();
             pool.setBusy(start->index, true);
             pthread_mutex_unlock(&pool.mutex);
+        } else if (pool.mayWatch(start->index)) {
+            watch(pool, start->index);
+            continue;
         } else {
+            if (pool.watcherThread == static_cast<long>(start->index)) {
+                // Calls turned long: the listen thread reads again.
+                pool.watcherThread = -1;
+                wakeListenThread(pool);
+            }
             pool.asleep.push_back(start->index);
             pthread_mutex_unlock(&pool.mutex);
             while (sem_wait(&mailbox.wake) != 0 && errno == EINTR) {
@@ -299,6 +339,74 @@ void* WorkerPool::threadBody(void* arg) {
     }
     pthread_mutex_unlock(&pool.mutex);
     return nullptr;
+}
+
+void WorkerPool::watch(Shared& pool, size_t index) {
+    // With the mutex held, which is released while the thread watches.
+    pool.watcherThread = static_cast<long>(index);
+    pool.inWatch = true;
+    Watcher* const watcher = pool.watcher;
+    pthread_mutex_unlock(&pool.mutex);
+    const bool goOn = watcher->watch(pool.interruptFd);
+    pthread_mutex_lock(&pool.mutex);
+    pool.inWatch = false;
+    pool.watchLeft = Shared::Clock::now();
+    pthread_cond_broadcast(&pool.watchEnded);
+    if (pool.interruptSent) { // emptied for the next watch
+        pool.interruptSent = false;
+        uint64_t count;
+        ssize_t ignored = ::read(pool.interruptFd, &count, sizeof count);
+        (void)ignored;
+    }
+    if (!goOn && pool.watcherThread == static_cast<long>(index)) {
+        // The listen thread reads from now on, and is woken to do so.
+        pool.watcherThread = -1;
+        pool.watchAllowed = false;
+        wakeListenThread(pool);
+    }
+}
+
+void WorkerPool::wakeListenThread(Shared& pool) {
+    // With the mutex held; the descriptor stays open until the pool has stopped.
+    if (pool.wakeFd < 0) return;
+    const uint64_t one = 1;
+    ssize_t ignored = ::write(pool.wakeFd, &one, sizeof one);
+    (void)ignored; // a full counter already wakes the listen thread
+}
+
+void WorkerPool::watchWith(Watcher* watcher) {
+    pthread_mutex_lock(&shared->mutex);
+    shared->watcher = watcher;
+    pthread_mutex_unlock(&shared->mutex);
+}
+
+WorkerPool::Watch WorkerPool::watchState(int lateMs) const {
+    pthread_mutex_lock(&shared->mutex);
+    Watch state = Watch::none;
+    if (shared->watcherThread >= 0) {
+        state = Watch::watching;
+        if (!shared->inWatch) {
+            const bool late = shared->watchLeft < Shared::Clock::now() - std::chrono::milliseconds(lateMs);
+            state = late ? Watch::late : Watch::away;
+        }
+    }
+    pthread_mutex_unlock(&shared->mutex);
+    return state;
+}
+
+void WorkerPool::reclaimSocket(bool awaitWatchEnd) {
+    pthread_mutex_lock(&shared->mutex);
+    shared->watcherThread = -1;
+    shared->watchAllowed = false;
+    shared->interrupt();
+    while (awaitWatchEnd && shared->inWatch) pthread_cond_wait(&shared->watchEnded, &shared->mutex);
+    pthread_mutex_unlock(&shared->mutex);
+}
+
+void WorkerPool::allowWatch() {
+    pthread_mutex_lock(&shared->mutex);
+    shared->watchAllowed = true;
+    pthread_mutex_unlock(&shared->mutex);
 }
 
 void WorkerPool::hand(Listener::WorkerData* data) { handAll({{data, nullptr}}); }
@@ -433,6 +541,8 @@ std::vector<Listener::WorkerData*> WorkerPool::withdraw() {
         shared->setBusy(index, false);
     }
     shared->stopping = true;
+    shared->watcherThread = -1;
+    shared->interrupt();
     // Answers not written yet are left to the taker; one being written is
     // published once its write has ended.
     for (const Shared::Unwritten& waiting : shared->unwritten) shared->publish(waiting.data, waiting.answer, false);

@@ -63,6 +63,31 @@ public:
         virtual bool write(const std::vector<Answer>& answers) = 0;
     };
 
+    /**
+     * Reads the connection for the pool's threads (watchWith): while calls
+     * are short, an idle thread watches the socket instead of sleeping, reads
+     * what comes and runs the calls it handed itself, as a single thread
+     * reading and answering would: one wake-up for a burst instead of two.
+     */
+    class Watcher {
+    public:
+        virtual ~Watcher() {}
+        /**
+         * Waits until the socket has something (or interruptFd is readable,
+         * or a while passed) and reads it, handing the messages to the pool;
+         * false when the thread is to stop watching (the listen thread then
+         * reads).
+         */
+        virtual bool watch(int interruptFd) = 0;
+    };
+    /** Where the thread that watches the socket for the pool stands. */
+    enum class Watch {
+        none,     // no thread watches: the listen thread reads
+        watching, // a thread waits for the socket or reads it
+        away,     // the watching thread runs calls, for less than lateMs so far
+        late      // the watching thread has run calls for longer: it holds up reading
+    };
+
     /** Starts up to threads threads on stacks of stackSize bytes; wakeFd (or -1) is written once per answer. */
     WorkerPool(int threads, WorkerStacks& stacks, size_t stackSize, int wakeFd);
     /** stop(), and deletes the records handed but never started. */
@@ -95,6 +120,18 @@ public:
      * written when the pool was withdrawn from, is published unwritten.
      */
     void writeWith(Writer* writer);
+    /** From now on an idle thread watches with watcher while calls are short (null: never, the default). */
+    void watchWith(Watcher* watcher);
+    /** Where the watching thread stands (late: in calls that began more than lateMs ago). */
+    Watch watchState(int lateMs) const;
+    /**
+     * The listen thread reads from now on; no thread watches again before
+     * allowWatch(). With awaitWatchEnd, returns once no thread waits for the
+     * socket any more (before it is closed): a watch is interrupted at once.
+     */
+    void reclaimSocket(bool awaitWatchEnd = false);
+    /** A thread may watch again, once it is idle. */
+    void allowWatch();
     /** Moves the answers published since the last call into out. */
     void collect(std::vector<Answer>* out);
     /** As collect(); the records whose answers were written go into written too. */
@@ -136,6 +173,9 @@ private:
         size_t index;
     };
     static void* threadBody(void* arg);
+    /** An idle thread watches the socket (the mutex held, released meanwhile). */
+    static void watch(Shared& pool, size_t index);
+    static void wakeListenThread(Shared& pool);
 
     std::shared_ptr<Shared> shared; // also held by every thread, which may outlive the pool
     WorkerStacks& stacks;

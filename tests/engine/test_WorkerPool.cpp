@@ -301,3 +301,49 @@ TEST_F(WorkerPool, MessagesReceivedWhileEveryThreadIsBusyWaitForOneAndAreGivenBa
 }
 
 } // namespace
+
+// After a run of short calls one of the pool's threads reads the broker's
+// frames itself; these check that reading goes on around it.
+
+TEST_F(WorkerPool, ACallThatTurnsLongAfterARunOfShortOnesDoesNotHoldUpTheOtherQueues) {
+    makeClient().useWorkerPool(2);
+    connect();
+    FastThenSlowListener orders;
+    ConcurrencyListener other;
+    listen("orders", &orders);
+    listen("other", &other);
+    push("orders", 500, "fast");
+    ASSERT_TRUE(broker.waitForFrames("ACK", 500, 20000));
+    push("orders", 1, "slow"); // the body is "slow0": short
+    ASSERT_TRUE(broker.waitForFrames("ACK", 501, 5000));
+    ASSERT_TRUE(broker.pushMessage("/queue/orders", "slow"));
+    ASSERT_TRUE(broker.waitFor([&] { return orders.entered.load(); }, 5000));
+    // The thread that read it is in its call: the other messages are read
+    // and run on the other thread meanwhile.
+    const std::vector<std::string> ids = push("other", 200);
+    ASSERT_TRUE(broker.waitForFrames("ACK", 701, 10000));
+    EXPECT_EQ(other.count(), 200u);
+    EXPECT_EQ(sent("ACK").size(), 701u); // the slow one is not answered yet
+    orders.release.set_value();
+    ASSERT_TRUE(broker.waitForFrames("ACK", 702, 5000));
+    EXPECT_EQ(log.countStartingWith("ERROR: "), 0u);
+}
+
+TEST_F(WorkerPool, AConnectionLostWhileAPoolThreadReadsIsMadeAgain) {
+    makeClient().useWorkerPool(2);
+    connect();
+    ConcurrencyListener listener;
+    listen("orders", &listener);
+    push("orders", 500);
+    ASSERT_TRUE(broker.waitForFrames("ACK", 500, 20000));
+    letReconnectPeriodPass();
+    broker.dropConnection();
+    ASSERT_TRUE(log.waitFor("ERROR: Disconnected!"));
+    EXPECT_EQ(log.count("ERROR: while trying to listen for messages. Error 70014: End of file found"), 1u);
+    ASSERT_TRUE(broker.waitForConnections(2));
+    ASSERT_TRUE(broker.waitForSubscription("/queue/orders"));
+    push("orders", 500);
+    ASSERT_TRUE(broker.waitForFrames("ACK", 1000, 20000));
+    EXPECT_EQ(sent("ACK").size(), 1000u);
+    EXPECT_EQ(log.count("ERROR: Disconnected!"), 1u);
+}
