@@ -2,7 +2,8 @@
 // The listen thread: reads everything the broker sends on one connection,
 // hands messages to their listeners on worker threads, answers each with ACK
 // or NACK once its worker has finished, and delivers receipts and errors to
-// the callers waiting for them.
+// the callers waiting for them. On a worker pool with short calls a pool
+// thread does the reading in its place (SocketWatch), in passes of its own.
 
 #include "client/StompClientImpl.h"
 

@@ -320,7 +320,7 @@ TEST_F(WorkerPool, ACallThatTurnsLongAfterARunOfShortOnesDoesNotHoldUpTheOtherQu
     ASSERT_TRUE(broker.waitFor([&] { return orders.entered.load(); }, 5000));
     // The thread that read it is in its call: the other messages are read
     // and run on the other thread meanwhile.
-    const std::vector<std::string> ids = push("other", 200);
+    push("other", 200);
     ASSERT_TRUE(broker.waitForFrames("ACK", 701, 10000));
     EXPECT_EQ(other.count(), 200u);
     EXPECT_EQ(sent("ACK").size(), 701u); // the slow one is not answered yet
