@@ -371,7 +371,10 @@ public:
      * listener that never returns blocks its thread for the rest of the
      * connection (the others go on); when the connection ends, its message
      * stays unacknowledged and the thread is left to end once the call
-     * returns. See docs/receiving.md for which delivery suits which listener.
+     * returns. Subscriptions then take short ids: "subscription/" and a
+     * number unique in the process, which is also what the "subscription"
+     * header of their messages holds (a UUID follows the prefix otherwise).
+     * See docs/receiving.md for which delivery suits which listener.
      *
      * @param threads the number of worker threads; 1 or more
      * @throws std::invalid_argument for fewer than 1 thread
@@ -390,6 +393,7 @@ public:
      * that is slow on one queue leaves the others flowing; listenOnQueue
      * refuses these two headers. A broker that sends beyond the bound is
      * read no further until the listener has taken a message.
+     * Subscriptions take short ids, as with useWorkerPool.
      *
      * @throws std::logic_error after openConnection
      */

@@ -3,6 +3,7 @@
 
 #include <kelvra/utility/Uuid.h>
 
+#include <atomic>
 #include <utility>
 
 namespace tavren {
@@ -48,6 +49,12 @@ std::string SubscribeFrame::createSubId() const {
     id.append(prefix, 13);
     id.append(uuid);
     return id;
+}
+
+void SubscribeFrame::useShortId() {
+    static std::atomic<unsigned long long> issued{0};
+    subscriptionId_ = "subscription/" + std::to_string(++issued);
+    headers_["id"] = subscriptionId_;
 }
 
 } // namespace internal

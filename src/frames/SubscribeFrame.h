@@ -40,6 +40,14 @@ public:
     /** "subscription/" followed by a fresh UUID; different on every call. */
     std::string createSubId() const;
 
+    /**
+     * Replaces the id, member and header, with "subscription/" followed by
+     * the next number of a count this process keeps from 1: unique among
+     * the ids of the process, as a broker needs it (it keys subscriptions
+     * by connection), in a few bytes where the UUID takes 36.
+     */
+    void useShortId();
+
 private:
     std::string destination_;
     SubscribeFrame::AcknowledgeMode ackMode_;

@@ -207,4 +207,45 @@ TEST_F(WithoutOrderedDelivery, TheSubscribeOfAPoolCarriesNoBound) {
     EXPECT_EQ(subscribe.headers, expected);
 }
 
+// "subscription/" and digits: the short id of a pool's or an ordered
+// subscription; a UUID follows the prefix otherwise.
+bool hasShortId(const RecordedFrame& subscribe) {
+    const std::string& id = subscribe.headers.at("id");
+    return id.size() > 13 && id.rfind("subscription/", 0) == 0 &&
+           id.find_first_not_of("0123456789", 13) == std::string::npos;
+}
+
+TEST_F(WithoutOrderedDelivery, APoolSubscribesWithShortIdsAndTheDefaultWithUuids) {
+    makeClient().useWorkerPool(2);
+    connect();
+    ConcurrencyListener listener;
+    listen("q", &listener);
+    listen("r", &listener);
+    const std::vector<RecordedFrame> pooled = sent("SUBSCRIBE");
+    ASSERT_EQ(2u, pooled.size());
+    EXPECT_TRUE(hasShortId(pooled[0])) << pooled[0].headers.at("id");
+    EXPECT_TRUE(hasShortId(pooled[1])) << pooled[1].headers.at("id");
+    EXPECT_NE(pooled[0].headers.at("id"), pooled[1].headers.at("id"));
+    // The message of a short id's subscription is handed and acknowledged as any.
+    std::string id;
+    ASSERT_TRUE(broker.pushMessage("/queue/q", "m", {}, &id));
+    ASSERT_TRUE(broker.waitForFrames("ACK", 1));
+    EXPECT_EQ(id, sent("ACK").at(0).headers.at("id"));
+    client.reset();
+
+    makeClient();
+    connect();
+    listen("q", &listener);
+    const RecordedFrame plain = sent("SUBSCRIBE").back();
+    EXPECT_FALSE(hasShortId(plain));
+    EXPECT_EQ(13u + 36u, plain.headers.at("id").size()) << plain.headers.at("id");
+}
+
+TEST_P(OrderedDelivery, SubscribesWithShortIds) {
+    connectOrdered();
+    ConcurrencyListener listener;
+    listen("q", &listener);
+    EXPECT_TRUE(hasShortId(sent("SUBSCRIBE").at(0))) << sent("SUBSCRIBE").at(0).headers.at("id");
+}
+
 } // namespace

@@ -67,6 +67,23 @@ TEST(SubscribeFrame, CreateSubIdIsFreshOnEveryCall) {
     EXPECT_EQ(frame.subscriptionId(), frame.headers().at("id"));
 }
 
+TEST(SubscribeFrame, AShortIdIsANumberOfTheProcessUniqueAcrossFrames) {
+    SubscribeFrame first("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    SubscribeFrame second("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
+    first.useShortId();
+    second.useShortId();
+    for (const SubscribeFrame* frame : {&first, &second}) {
+        const std::string id = frame->subscriptionId();
+        ASSERT_EQ(0u, id.rfind("subscription/", 0)) << id;
+        ASSERT_GT(id.size(), 13u) << id;
+        EXPECT_EQ(std::string::npos, id.find_first_not_of("0123456789", 13)) << id;
+        EXPECT_EQ((HeaderMap{{"ack", "client-individual"}, {"destination", "/queue/a"}, {"id", id}}),
+                  frame->headers());
+    }
+    // Counted on: the second frame's number follows the first's.
+    EXPECT_EQ(std::stoull(first.subscriptionId().substr(13)) + 1, std::stoull(second.subscriptionId().substr(13)));
+}
+
 TEST(SubscribeFrame, SetAckModeChangesOnlyAck) {
     SubscribeFrame frame("/queue/a", SubscribeFrame::CLIENT_INDIVIDUAL);
     const std::string id = frame.subscriptionId();
