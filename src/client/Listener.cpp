@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <tavren/Listener.h>
 
+#include "client/WakeCounter.h"
 #include "frames/ServerFrame.h"
 
 #include <cxxabi.h>
@@ -61,11 +62,7 @@ void* Listener::listener_worker_func(void* arg) {
     }
     // Not abandoned: the listen thread joins this thread before it closes the
     // descriptor, so it is still open here.
-    if (wakeFd >= 0) {
-        const uint64_t one = 1;
-        ssize_t ignored = ::write(wakeFd, &one, sizeof one);
-        (void)ignored; // a full counter already wakes the listen thread
-    }
+    if (wakeFd >= 0) internal::addWake(wakeFd);
     // A plain return gives the joiner the same exit value as pthread_exit,
     // without the forced unwind.
     return result;

@@ -9,6 +9,7 @@
 
 #include "client/Defaults.h"
 #include "client/WorkerPool.h"
+#include "client/WakeCounter.h"
 #include "client/WorkerStacks.h"
 #include "frames/AckFrame.h"
 #include "transport/AprException.h"
@@ -688,10 +689,7 @@ void StompClientImpl::ListenLoop::drainWakeUps(bool force) {
     // to make after this look wakes the next wait, which empties it.
     if (pool && !force && !woke && !pool->notifiedSinceRearm()) return;
     woke = false;
-    // One read takes the whole count and sets it to zero.
-    uint64_t count;
-    ssize_t ignored = ::read(wakeFd, &count, sizeof count);
-    (void)ignored; // nothing to read (EAGAIN) is what an empty counter says
+    takeWakes(wakeFd);
     if (pool) pool->rearm();
 }
 

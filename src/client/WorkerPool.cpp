@@ -2,6 +2,7 @@
 #include "client/WorkerPool.h"
 
 #include "client/Defaults.h"
+#include "client/WakeCounter.h"
 
 #include <semaphore.h>
 #include <sys/eventfd.h>
@@ -135,9 +136,7 @@ struct WorkerPool::Shared {
     void interrupt() {
         if (!inWatch || interruptSent) return;
         interruptSent = true;
-        const uint64_t one = 1;
-        ssize_t ignored = ::write(interruptFd, &one, sizeof one);
-        (void)ignored;
+        addWake(interruptFd);
     }
 
     // With the mutex held: record waits for the next free thread.
@@ -331,9 +330,7 @@ void* WorkerPool::threadBody(void* arg) {
             // waits for this thread.
             const int fd = pool.wakeFd;
             pthread_mutex_unlock(&pool.mutex);
-            const uint64_t one = 1;
-            ssize_t ignored = ::write(fd, &one, sizeof one);
-            (void)ignored; // a full counter already wakes the listen thread
+            addWake(fd);
             pthread_mutex_lock(&pool.mutex);
         }
     }
@@ -354,9 +351,7 @@ void WorkerPool::watch(Shared& pool, size_t index) {
     pthread_cond_broadcast(&pool.watchEnded);
     if (pool.interruptSent) { // emptied for the next watch
         pool.interruptSent = false;
-        uint64_t count;
-        ssize_t ignored = ::read(pool.interruptFd, &count, sizeof count);
-        (void)ignored;
+        takeWakes(pool.interruptFd);
     }
     if (!goOn && pool.watcherThread == static_cast<long>(index)) {
         // The listen thread reads from now on, and is woken to do so.
@@ -368,10 +363,7 @@ void WorkerPool::watch(Shared& pool, size_t index) {
 
 void WorkerPool::wakeListenThread(Shared& pool) {
     // With the mutex held; the descriptor stays open until the pool has stopped.
-    if (pool.wakeFd < 0) return;
-    const uint64_t one = 1;
-    ssize_t ignored = ::write(pool.wakeFd, &one, sizeof one);
-    (void)ignored; // a full counter already wakes the listen thread
+    if (pool.wakeFd >= 0) addWake(pool.wakeFd);
 }
 
 void WorkerPool::watchWith(Watcher* watcher) {
