@@ -8,8 +8,8 @@
 #include "client/StompClientImpl.h"
 
 #include "client/Defaults.h"
-#include "client/WorkerPool.h"
 #include "client/WakeCounter.h"
+#include "client/WorkerPool.h"
 #include "client/WorkerStacks.h"
 #include "frames/AckFrame.h"
 #include "transport/AprException.h"

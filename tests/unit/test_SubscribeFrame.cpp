@@ -77,8 +77,7 @@ TEST(SubscribeFrame, AShortIdIsANumberOfTheProcessUniqueAcrossFrames) {
         ASSERT_EQ(0u, id.rfind("subscription/", 0)) << id;
         ASSERT_GT(id.size(), 13u) << id;
         EXPECT_EQ(std::string::npos, id.find_first_not_of("0123456789", 13)) << id;
-        EXPECT_EQ((HeaderMap{{"ack", "client-individual"}, {"destination", "/queue/a"}, {"id", id}}),
-                  frame->headers());
+        EXPECT_EQ((HeaderMap{{"ack", "client-individual"}, {"destination", "/queue/a"}, {"id", id}}), frame->headers());
     }
     // Counted on: the second frame's number follows the first's.
     EXPECT_EQ(std::stoull(first.subscriptionId().substr(13)) + 1, std::stoull(second.subscriptionId().substr(13)));
