@@ -14,7 +14,9 @@
 // the comparison runs the send workloads this way too, as a second floor.
 // FLOOR_PREFETCH=N has the receiving modes ask the broker for at most N
 // unacknowledged messages (prefetch-count and activemq.prefetchSize), as a
-// subscription with ordered delivery does.
+// subscription with ordered delivery does. FLOOR_SUB_ID=TEXT subscribes
+// with the id TEXT instead of "0" (RabbitMQ repeats the id in every MESSAGE
+// and ACK, so its length costs rate).
 //
 // MODE:
 //   send       N messages of 100 bytes, then a SUBSCRIBE to QUEUE-ctl with a
@@ -104,7 +106,9 @@ public:
     }
 
     void subscribe(const char* ack, const char* receipt) {
-        std::string f = "SUBSCRIBE\nid:0\ndestination:/queue/" + args.queue + "\nack:" + ack + "\n";
+        const char* id = std::getenv("FLOOR_SUB_ID");
+        std::string f = "SUBSCRIBE\nid:" + std::string(id ? id : "0") + "\ndestination:/queue/" + args.queue +
+                        "\nack:" + ack + "\n";
         if (const char* prefetch = std::getenv("FLOOR_PREFETCH")) {
             f += std::string("prefetch-count:") + prefetch + "\nactivemq.prefetchSize:" + prefetch + "\n";
         }
