@@ -241,6 +241,26 @@ TEST_F(WithoutOrderedDelivery, APoolSubscribesWithShortIdsAndTheDefaultWithUuids
     EXPECT_EQ(13u + 36u, plain.headers.at("id").size()) << plain.headers.at("id");
 }
 
+TEST_F(WithoutOrderedDelivery, APoolSubscribesAgainWithANewShortIdOnTheNextConnection) {
+    makeClient().useWorkerPool(2);
+    connect();
+    ConcurrencyListener listener;
+    listen("q", &listener);
+    letReconnectPeriodPass();
+    broker.dropConnection();
+    ASSERT_TRUE(broker.waitForConnections(2));
+    ASSERT_TRUE(broker.waitForSubscription("/queue/q"));
+    const std::vector<RecordedFrame> subscribes = sent("SUBSCRIBE");
+    ASSERT_EQ(2u, subscribes.size());
+    EXPECT_TRUE(hasShortId(subscribes[1])) << subscribes[1].headers.at("id");
+    EXPECT_NE(subscribes[0].headers.at("id"), subscribes[1].headers.at("id"));
+    // Messages of the new subscription are answered as before.
+    std::string id;
+    ASSERT_TRUE(broker.pushMessage("/queue/q", "m", {}, &id));
+    ASSERT_TRUE(broker.waitForFrames("ACK", 1));
+    EXPECT_EQ(id, sent("ACK").at(0).headers.at("id"));
+}
+
 TEST_P(OrderedDelivery, SubscribesWithShortIds) {
     connectOrdered();
     ConcurrencyListener listener;
