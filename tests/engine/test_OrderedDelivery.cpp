@@ -215,7 +215,25 @@ bool hasShortId(const RecordedFrame& subscribe) {
            id.find_first_not_of("0123456789", 13) == std::string::npos;
 }
 
-TEST_F(WithoutOrderedDelivery, APoolSubscribesWithShortIdsAndTheDefaultWithUuids) {
+// Two subscriptions whose ids are short and differ.
+void expectDistinctShortIds(const RecordedFrame& first, const RecordedFrame& second) {
+    EXPECT_TRUE(hasShortId(first)) << first.headers.at("id");
+    EXPECT_TRUE(hasShortId(second)) << second.headers.at("id");
+    EXPECT_NE(first.headers.at("id"), second.headers.at("id"));
+}
+
+class ShortIds : public tavren::test::EngineTest {
+protected:
+    // A message pushed to /queue/q is acknowledged by its id, as any.
+    void expectAnswered() {
+        std::string id;
+        ASSERT_TRUE(broker.pushMessage("/queue/q", "m", {}, &id));
+        ASSERT_TRUE(broker.waitForFrames("ACK", 1));
+        EXPECT_EQ(id, sent("ACK").at(0).headers.at("id"));
+    }
+};
+
+TEST_F(ShortIds, APoolSubscribesWithShortIdsAndTheDefaultWithUuids) {
     makeClient().useWorkerPool(2);
     connect();
     ConcurrencyListener listener;
@@ -223,14 +241,8 @@ TEST_F(WithoutOrderedDelivery, APoolSubscribesWithShortIdsAndTheDefaultWithUuids
     listen("r", &listener);
     const std::vector<RecordedFrame> pooled = sent("SUBSCRIBE");
     ASSERT_EQ(2u, pooled.size());
-    EXPECT_TRUE(hasShortId(pooled[0])) << pooled[0].headers.at("id");
-    EXPECT_TRUE(hasShortId(pooled[1])) << pooled[1].headers.at("id");
-    EXPECT_NE(pooled[0].headers.at("id"), pooled[1].headers.at("id"));
-    // The message of a short id's subscription is handed and acknowledged as any.
-    std::string id;
-    ASSERT_TRUE(broker.pushMessage("/queue/q", "m", {}, &id));
-    ASSERT_TRUE(broker.waitForFrames("ACK", 1));
-    EXPECT_EQ(id, sent("ACK").at(0).headers.at("id"));
+    expectDistinctShortIds(pooled[0], pooled[1]);
+    expectAnswered();
     client.reset();
 
     makeClient();
@@ -241,7 +253,7 @@ TEST_F(WithoutOrderedDelivery, APoolSubscribesWithShortIdsAndTheDefaultWithUuids
     EXPECT_EQ(13u + 36u, plain.headers.at("id").size()) << plain.headers.at("id");
 }
 
-TEST_F(WithoutOrderedDelivery, APoolSubscribesAgainWithANewShortIdOnTheNextConnection) {
+TEST_F(ShortIds, APoolSubscribesAgainWithANewShortIdOnTheNextConnection) {
     makeClient().useWorkerPool(2);
     connect();
     ConcurrencyListener listener;
@@ -252,13 +264,8 @@ TEST_F(WithoutOrderedDelivery, APoolSubscribesAgainWithANewShortIdOnTheNextConne
     ASSERT_TRUE(broker.waitForSubscription("/queue/q"));
     const std::vector<RecordedFrame> subscribes = sent("SUBSCRIBE");
     ASSERT_EQ(2u, subscribes.size());
-    EXPECT_TRUE(hasShortId(subscribes[1])) << subscribes[1].headers.at("id");
-    EXPECT_NE(subscribes[0].headers.at("id"), subscribes[1].headers.at("id"));
-    // Messages of the new subscription are answered as before.
-    std::string id;
-    ASSERT_TRUE(broker.pushMessage("/queue/q", "m", {}, &id));
-    ASSERT_TRUE(broker.waitForFrames("ACK", 1));
-    EXPECT_EQ(id, sent("ACK").at(0).headers.at("id"));
+    expectDistinctShortIds(subscribes[0], subscribes[1]);
+    expectAnswered();
 }
 
 TEST_P(OrderedDelivery, SubscribesWithShortIds) {
