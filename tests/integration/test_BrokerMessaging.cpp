@@ -172,6 +172,18 @@ private:
     std::atomic<int> calls{0};
 };
 
+// For a failure's message: the client's log, what the listener was handed,
+// and the MESSAGE ids the broker sent through the relay.
+std::string whatHappened(const CapturingLogger& log, RecordingListener& listener, RecordingRelay& relay) {
+    std::string out = "\nthe client's log:";
+    for (const std::string& line : log.lines()) out += "\n  " + line;
+    for (const Received& r : listener.received())
+        out += "\nhanded \"" + r.text + "\", redelivered: " + headerOf(r.headers, "redelivered");
+    out += "\nmessage ids from the broker:";
+    for (const std::string& id : relay.headerValuesFromBroker("message-id")) out += " " + id;
+    return out;
+}
+
 TEST_P(BrokerMessaging, UnprocessedMessageIsRejected) {
     RecordingRelay relay(broker().port());
     RejectFirst listener;
@@ -205,10 +217,11 @@ TEST_P(BrokerMessaging, UnprocessedMessageIsRejected) {
         // Handed again once and processed then; otherwise not handed again
         // while this client stays connected.
         if (ackAccepted(GetParam())) {
-            EXPECT_EQ(listener.count(), outcome == NackOutcome::HandedAgain ? 2 : 1);
+            EXPECT_EQ(listener.count(), outcome == NackOutcome::HandedAgain ? 2 : 1)
+                << whatHappened(log, listener, relay);
         } else { // may be handed twice, see ackAccepted
             EXPECT_GE(listener.count(), 1);
-            EXPECT_LE(listener.count(), 2);
+            EXPECT_LE(listener.count(), 2) << whatHappened(log, listener, relay);
         }
         client->closeConnection();
     }
